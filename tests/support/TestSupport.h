@@ -1,0 +1,66 @@
+#pragma once
+// Helpers shared by the test suites: scratch directories, files, environment
+// overrides, and running a built program with its output captured.
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace veltest {
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }  // no trailing separator
+  std::string operator/(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Sets (or, with nullopt, unsets) an environment variable while it lives.
+class ScopedEnv {
+ public:
+  ScopedEnv(std::string name, std::optional<std::string> value);
+  ~ScopedEnv();
+  ScopedEnv(const ScopedEnv&) = delete;
+  ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> old_;
+};
+
+std::string ReadFile(const std::string& path);
+void WriteFile(const std::string& path, const std::string& bytes);
+bool PathExists(const std::string& path);
+// Names of the entries of a directory (top level), sorted.
+std::vector<std::string> ListDir(const std::string& path);
+
+// Path of a program built into the build tree's bin directory.
+std::string BinPath(const std::string& program);
+
+struct RunResult {
+  int exitCode = -1;    // exit status, or 128 + signal number
+  std::string out;      // standard output
+  std::string err;      // standard error
+  bool timedOut = false;
+};
+
+struct RunOptions {
+  std::string cwd;                                        // empty: the current directory
+  std::map<std::string, std::optional<std::string>> env;  // set (value) or unset (nullopt)
+  double timeoutSeconds = 120;
+};
+
+// Runs argv[0] (a path) with the arguments, standard input from /dev/null,
+// and waits for it. A run that exceeds the time-out is killed (process group).
+RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+}  // namespace veltest
