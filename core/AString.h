@@ -9,6 +9,7 @@
 // as the code points U+DC80..U+DCFF and written back as the same bytes, so any
 // narrow text survives the round trip narrow -> AString -> narrow unchanged.
 
+#include <cstdarg>
 #include <cstddef>
 #include <string>
 #include <vector>
@@ -69,3 +70,4 @@ std::string NarrowText(const std::wstring& wide);
 
 // Formats like AString::Format into a new string.
 std::wstring FormatWide(const wchar_t* format, ...);
+std::wstring VFormatWide(const wchar_t* format, va_list args);

@@ -33,7 +33,8 @@ class EnumSet {
 
   uint32_t GetCount() const {
     uint32_t count = 0;
-    for (uint32_t word = bits_; word != 0; word >>= 8) count += BitUtilities::CountBits8(word & 0xFF);
+    for (uint32_t word = bits_; word != 0; word >>= 8)
+      count += BitUtilities::CountBits8(word & 0xFF);
     return count;
   }
 
@@ -41,8 +42,7 @@ class EnumSet {
   // gives the value -1.
   Enum GetAt(int n) const {
     VEL_ASSERT_REPORT("tkcore/tkutils/EnumSet_T", 656,
-                      n >= 0 && static_cast<uint32_t>(n) < GetCount(),
-                      "n >= 0 && n < GetCount()");
+                      n >= 0 && static_cast<uint32_t>(n) < GetCount(), "n >= 0 && n < GetCount()");
     const uint32_t kk = BitUtilities::NthSetBit32(bits_, static_cast<uint32_t>(n));
     VEL_ASSERT_REPORT("tkcore/tkutils/EnumSet_T", 662, kk != BitUtilities::kNoBit, "kk != -1");
     return static_cast<Enum>(static_cast<int32_t>(kk));

@@ -54,15 +54,15 @@ class ScopedAssertCapture {
   AssertSink previous_;
 };
 
-#define VEL_ASSERT_REPORT(source, line, ok, text)                    \
-  do {                                                               \
-    static bool velAssertIgnoreSite_ = false;                        \
-    if (!(ok)) {                                                     \
-      if (!velAssertIgnoreSite_ && !IgnoreAllAsserts_G)              \
+#define VEL_ASSERT_REPORT(source, line, ok, text)                         \
+  do {                                                                    \
+    static bool velAssertIgnoreSite_ = false;                             \
+    if (!(ok)) {                                                          \
+      if (!velAssertIgnoreSite_ && !IgnoreAllAsserts_G)                   \
         ProcessAssertFailure_G(source, line, text, velAssertIgnoreSite_); \
-      else                                                           \
-        LogAssertFailure_G(source, line, text);                      \
-    }                                                                \
+      else                                                                \
+        LogAssertFailure_G(source, line, text);                           \
+    }                                                                     \
   } while (0)
 
 // The usual form: this file's source name, this line, the condition's text.

@@ -47,9 +47,9 @@ std::vector<std::string> ListDir(const std::string& path);
 std::string BinPath(const std::string& program);
 
 struct RunResult {
-  int exitCode = -1;    // exit status, or 128 + signal number
-  std::string out;      // standard output
-  std::string err;      // standard error
+  int exitCode = -1;  // exit status, or 128 + signal number
+  std::string out;    // standard output
+  std::string err;    // standard error
   bool timedOut = false;
 };
 
