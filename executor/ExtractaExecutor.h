@@ -1,0 +1,54 @@
+#pragma once
+// ExtractaExecutor: the owner of one extraction run. It creates a fresh
+// working directory, creates the views there with one extracta process or
+// several, packs or moves the result, keeps the text of the last failure, and
+// removes the working directory when destroyed (unless VELTAR_EXTRACTA_DEBUG
+// is defined then).
+
+#include <vector>
+
+#include "core/AString.h"
+#include "core/LongFileName.h"
+#include "views/ViewTypes.h"
+
+class ExtractaExecutor {
+ public:
+  ExtractaExecutor();
+  virtual ~ExtractaExecutor();
+  ExtractaExecutor(const ExtractaExecutor&) = delete;
+  ExtractaExecutor& operator=(const ExtractaExecutor&) = delete;
+
+  // Working directory: "extract" + local wall-clock seconds, under the base.
+  bool createWorkingDir(const AString& base);
+  bool deleteWorkingDir();
+
+  // Creates the views of the set in a new working directory under the base:
+  // several processes when the set holds conn, else one. False with
+  // errorMessage set on failure.
+  bool createExtractaViews(const AString& designFile, const AString& base, const ViewSet& views,
+                           const std::vector<AString>& nets, std::vector<ActiveView>& activeViews);
+
+  // The default run: a process per view, the connectivity survey, the split of
+  // the largest nets, the remainder, and the merge into conn.txt.
+  bool createExtractaControlFileAndViewsMP(const AString& designFile, const ViewSet& views,
+                                           const std::vector<AString>& nets,
+                                           std::vector<ActiveView>& activeViews);
+
+  // Packaging, from the working directory's listing.
+  bool addFilesToWorkingDir(const std::vector<AString>& files);
+  bool zipActiveViews(const AString& outputPath, const AString& filterExtension);
+  bool moveActiveViews(const AString& outputPath, const AString& filterExtension);
+
+  LongFileName getWorkingDir() const { return workingDir; }
+  const AString& getErrorMessage() const { return errorMessage; }
+
+ private:
+  AString errorMessage;
+  LongFileName workingDir;
+  bool generatorOption = true;  // puts "-c" on every extracta command line
+  bool spareFlag = false;       // never consulted
+  // A run removes only a working directory it created itself: two runs in the
+  // same second compute the same name, and the second must not remove the
+  // first one's directory.
+  bool createdWorkingDir = false;
+};
