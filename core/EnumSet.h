@@ -14,10 +14,12 @@ class EnumSet {
   static_assert(N > 0 && N <= 32, "an EnumSet lives in one 32-bit word");
 
  public:
-  EnumSet() = default;
+  constexpr EnumSet() = default;
 
   // Bit n of the mask makes value n a member; bits at N and above are ignored.
-  explicit EnumSet(uint64_t mask) : bits_(static_cast<uint32_t>(mask & kAllBits)) {}
+  // constexpr so that sets defined at namespace scope are constant-initialised
+  // and usable from any other translation unit's start-up code.
+  constexpr explicit EnumSet(uint64_t mask) : bits_(static_cast<uint32_t>(mask & kAllBits)) {}
 
   bool Contains(Enum value) const {
     const int position = static_cast<int>(value);
@@ -48,7 +50,7 @@ class EnumSet {
     return static_cast<Enum>(static_cast<int32_t>(kk));
   }
 
-  uint32_t GetWord() const { return bits_; }
+  constexpr uint32_t GetWord() const { return bits_; }
 
   friend bool operator==(const EnumSet& a, const EnumSet& b) { return a.bits_ == b.bits_; }
   friend bool operator!=(const EnumSet& a, const EnumSet& b) { return a.bits_ != b.bits_; }

@@ -16,6 +16,10 @@
 // The lines joined by "\n\t" (a line feed and one tab).
 std::string JoinLines(const std::vector<std::string>& lines);
 
+// The text of one view block with "\n" line ends, before the translation to
+// CR LF that WriteViewBlock applies.
+std::string FormatViewBlock(const ExtractaViewDef& def);
+
 // Writes one view block. Stream errors are left in the stream's state.
 void WriteViewBlock(const ExtractaViewDef& def, std::ostream& out);
 

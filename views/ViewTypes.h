@@ -9,18 +9,18 @@
 #include "core/EnumSet.h"
 
 enum ViewType : int32_t {
-  kLayer = 0,         // "layer": layer stack-up
-  kPadDef = 1,        // "paddef": pad definitions
-  kFullGeo = 2,       // "fullgeo": full geometry
-  kConn = 3,          // "conn": connectivity
-  kCFullGeo = 4,      // "cfullgeo": full geometry, reduced fields (cell mode)
-  kCConn = 5,         // "cconn": connectivity, cell mode
-  kDieStack = 6,      // "diestack": die stack definitions
-  kNet = 7,           // "net": nets
-  kComponent = 8,     // "component": components
-  kOutline = 9,       // "outline": outline geometry
-  kCompositePad = 10, // "compositepad": composite pads
-  kLogicalPin = 11,   // "logicalpin": logical pins
+  kLayer = 0,          // "layer": layer stack-up
+  kPadDef = 1,         // "paddef": pad definitions
+  kFullGeo = 2,        // "fullgeo": full geometry
+  kConn = 3,           // "conn": connectivity
+  kCFullGeo = 4,       // "cfullgeo": full geometry, reduced fields (cell mode)
+  kCConn = 5,          // "cconn": connectivity, cell mode
+  kDieStack = 6,       // "diestack": die stack definitions
+  kNet = 7,            // "net": nets
+  kComponent = 8,      // "component": components
+  kOutline = 9,        // "outline": outline geometry
+  kCompositePad = 10,  // "compositepad": composite pads
+  kLogicalPin = 11,    // "logicalpin": logical pins
 };
 
 constexpr int kViewTypeCount = 12;
