@@ -1,0 +1,123 @@
+#include <gtest/gtest.h>
+
+#include "core/VelAssert.h"
+#include "core/VelDebug.h"
+#include "tests/support/TestSupport.h"
+
+#define VEL_ASSERT_SOURCE "ExtractaExecutor"
+
+namespace {
+
+using testing::internal::CaptureStderr;
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStderr;
+using testing::internal::GetCapturedStdout;
+
+// Two distinct assertion sites, each with its own ignore flag. The first
+// returns the line it stands on.
+int FailFirstSite(int argc) {
+  const int line = __LINE__ + 1;
+  VEL_ASSERT(argc >= 3);
+  return line;
+}
+void FailSecondSite() { VEL_ASSERT(!"view creation failed"); }
+
+// Restores the global switch whatever a test does with it.
+struct IgnoreAllGuard {
+  bool saved = IgnoreAllAsserts_G;
+  ~IgnoreAllGuard() { IgnoreAllAsserts_G = saved; }
+};
+
+TEST(AssertTest, ReportCarriesSourceLineAndConditionText) {
+  ScopedAssertCapture capture;
+  FailFirstSite(5);  // holds: no report
+  EXPECT_TRUE(capture.reports().empty());
+  const int line = FailFirstSite(1);
+  FailSecondSite();
+  ASSERT_EQ(capture.reports().size(), 2u);
+  EXPECT_EQ(capture.reports()[0].source, "ExtractaExecutor");
+  EXPECT_EQ(capture.reports()[0].line, line);
+  EXPECT_EQ(capture.reports()[0].condition, "argc >= 3");
+  EXPECT_TRUE(capture.reports()[0].processed);
+  EXPECT_EQ(capture.reports()[1].condition, "!\"view creation failed\"");
+  EXPECT_TRUE(capture.Saw("ExtractaExecutor", "!\"view creation failed\""));
+  EXPECT_FALSE(capture.Saw("VelExtracta", "argc >= 3"));
+}
+
+TEST(AssertTest, IgnoringASiteOrAllSitesRoutesReportsToTheLog) {
+  IgnoreAllGuard guard;
+  std::vector<AssertReport> seen;
+  // A handler that asks to ignore the site from now on, as a user would.
+  const AssertSink previous = SetAssertSink_G([&](const AssertReport& report, bool* ignoreSite) {
+    seen.push_back(report);
+    if (ignoreSite && report.condition == "argc >= 3") *ignoreSite = true;
+  });
+  FailFirstSite(0);
+  FailFirstSite(0);  // the site is ignored now: only logged
+  FailSecondSite();  // another site keeps its own flag
+  IgnoreAllAsserts_G = true;
+  FailSecondSite();
+  IgnoreAllAsserts_G = false;
+  FailSecondSite();
+  SetAssertSink_G(previous);
+
+  ASSERT_EQ(seen.size(), 5u);
+  const bool expectedProcessed[] = {true, false, true, false, true};
+  for (std::size_t i = 0; i < seen.size(); ++i)
+    EXPECT_EQ(seen[i].processed, expectedProcessed[i]) << "report " << i;
+}
+
+TEST(AssertTest, ReportsNeverReachStandardOutputAndReachStandardErrorOnlyInDebug) {
+  {
+    veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+    CaptureStdout();
+    CaptureStderr();
+    FailSecondSite();
+    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(GetCapturedStdout(), "");
+  }
+  {
+    veltest::ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", "");
+    CaptureStdout();
+    CaptureStderr();
+    FailSecondSite();
+    const std::string err = GetCapturedStderr();
+    EXPECT_EQ(GetCapturedStdout(), "");
+    EXPECT_NE(err.find("ExtractaExecutor"), std::string::npos) << err;
+    EXPECT_NE(err.find("!\"view creation failed\""), std::string::npos) << err;
+  }
+}
+
+TEST(TraceTest, WritesOneLineToStandardErrorOnlyWhileDebugIsDefined) {
+  {
+    veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+    CaptureStdout();
+    CaptureStderr();
+    VelDebug(1, L"*createExtractaControlFileAndViewsMP: workingdir %s\n", L"/w/extract1/");
+    EXPECT_EQ(GetCapturedStderr(), "");
+    EXPECT_EQ(GetCapturedStdout(), "");
+  }
+  {
+    veltest::ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", "1");
+    CaptureStdout();
+    CaptureStderr();
+    VelDebug(2, L"*StartChildProcess: %s \n", L"extracta \u00FC");
+    VelDebug(2, L"count %d", 3);  // a line end is added
+    EXPECT_EQ(GetCapturedStderr(), "*StartChildProcess: extracta \xC3\xBC \ncount 3\n");
+    EXPECT_EQ(GetCapturedStdout(), "");
+  }
+}
+
+TEST(TraceTest, SinkReceivesLevelAndLineWithoutDebug) {
+  veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+  std::vector<std::pair<int, std::wstring>> lines;
+  const TraceSink previous =
+      SetTraceSink_G([&](int level, const std::wstring& line) { lines.emplace_back(level, line); });
+  VelDebug(1, L"*x %s", L"y");
+  SetTraceSink_G(previous);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].first, 1);
+  EXPECT_EQ(lines[0].second, L"*x y\n");
+}
+
+}  // namespace

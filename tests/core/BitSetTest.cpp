@@ -1,0 +1,160 @@
+#include <bitset>
+#include <random>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "core/BitUtilities.h"
+#include "core/EnumSet.h"
+#include "core/VelAssert.h"
+
+namespace {
+
+using namespace BitUtilities;
+
+// The position of the n-th set bit, lowest first, found the slow way.
+uint32_t SlowNthSetBit(uint32_t value, uint32_t n) {
+  for (uint32_t bit = 0; bit < 32; ++bit)
+    if (((value >> bit) & 1u) && n-- == 0) return bit;
+  return kNoBit;
+}
+
+uint32_t SlowCount(uint32_t value) { return static_cast<uint32_t>(std::bitset<32>(value).count()); }
+
+TEST(BitUtilitiesTest, CountsMatchThePopulationCountForEveryValue) {
+  ScopedAssertCapture capture;
+  for (uint32_t v = 0; v <= 0xf; ++v) EXPECT_EQ(CountBits4(v), SlowCount(v)) << v;
+  for (uint32_t v = 0; v <= 0xff; ++v) EXPECT_EQ(CountBits8(v), SlowCount(v)) << v;
+  for (uint32_t v = 0; v <= 0xffff; ++v) ASSERT_EQ(CountBits16(v), SlowCount(v)) << v;
+  EXPECT_TRUE(capture.reports().empty());
+}
+
+TEST(BitUtilitiesTest, NthSetBitFindsEveryBitAcrossNibbleByteAndHalfWordBorders) {
+  ScopedAssertCapture capture;
+  for (uint32_t v = 0; v <= 0xf; ++v)
+    for (uint32_t n = 0; n < 4; ++n)
+      ASSERT_EQ(NthSetBit4(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+  for (uint32_t v = 0; v <= 0xff; ++v)
+    for (uint32_t n = 0; n < 8; ++n)
+      ASSERT_EQ(NthSetBit8(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+  for (uint32_t v = 0; v <= 0xffff; ++v)
+    for (uint32_t n = 0; n < 16; ++n)
+      ASSERT_EQ(NthSetBit16(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+
+  std::mt19937 random(2024);
+  std::vector<uint32_t> values = {0,          1,          0xFFFFFFFF, 0x80000000, 0x00018000,
+                                  0xFFFF0000, 0x0000FFFF, 0x00010000, 0x8000FFFF};
+  for (int i = 0; i < 2000; ++i) values.push_back(random() & random());
+  for (const uint32_t v : values)
+    for (uint32_t n = 0; n < 32; ++n)
+      ASSERT_EQ(NthSetBit32(v, n), SlowNthSetBit(v, n)) << std::hex << v << " " << n;
+
+  // The borders by name: nibble (bit 4), byte (bit 8), half word (bit 16).
+  EXPECT_EQ(NthSetBit8(0x0B, 2), 3u);
+  EXPECT_EQ(NthSetBit8(0x10, 0), 4u);
+  EXPECT_EQ(NthSetBit16(0x100, 0), 8u);
+  EXPECT_EQ(NthSetBit16(0x0180, 1), 8u);
+  EXPECT_EQ(NthSetBit32(0x00018000, 1), 16u);
+  EXPECT_EQ(NthSetBit32(0x80000000, 0), 31u);
+  EXPECT_EQ(NthSetBit32(0x1, 1), kNoBit);
+  EXPECT_EQ(NthSetBit32(0xFFFFFFFF, 31), 31u);
+  EXPECT_TRUE(capture.reports().empty());
+}
+
+TEST(BitUtilitiesTest, BadOperandsAreReportedAndTheMaskedValueIsUsed) {
+  struct Case {
+    uint32_t result;
+    int line;
+    const char* condition;
+  };
+  ScopedAssertCapture capture;
+  const Case cases[] = {
+      {CountBits4(0x13), 116, "value <= 0xf"},
+      {CountBits8(0x1FF), 126, "value <= 0xff"},
+      {CountBits16(0x10003), 167, "value <= 0xffff"},
+      {NthSetBit4(0x1A, 1), 617, "value <= 0xf && n < 4"},
+      {NthSetBit8(0x130, 1), 647, "value <= 0xff && n < 8"},
+      {NthSetBit16(0x10300, 0), 696, "value <= 0xffff && n < 16"},
+      {NthSetBit32(0xFFFFFFFF, 32), 744, "value <= 0xffffffff && n < 32"},
+  };
+  const uint32_t expected[] = {2, 8, 2, 3, 5, 8, kNoBit};
+  ASSERT_EQ(capture.reports().size(), 7u);
+  for (std::size_t i = 0; i < 7; ++i) {
+    EXPECT_EQ(cases[i].result, expected[i]) << cases[i].condition;
+    EXPECT_EQ(capture.reports()[i].source, "tkcore/tkutils/BitUtilities");
+    EXPECT_EQ(capture.reports()[i].line, cases[i].line);
+    EXPECT_EQ(capture.reports()[i].condition, cases[i].condition);
+  }
+}
+
+enum Colour : int32_t { kRed, kGreen, kBlue, kCyan, kMagenta };
+using ColourSet = EnumSet<Colour, 5>;
+
+std::vector<Colour> Members(const ColourSet& set) {
+  std::vector<Colour> members;
+  for (int n = 0; n < static_cast<int>(set.GetCount()); ++n) members.push_back(set.GetAt(n));
+  return members;
+}
+
+TEST(EnumSetTest, MembersComeInAscendingOrderAndHighMaskBitsAreIgnored) {
+  EXPECT_EQ(Members(ColourSet(0b10110)), (std::vector<Colour>{kGreen, kBlue, kMagenta}));
+  const ColourSet all(~0ull);  // bits 5..63 ignored
+  EXPECT_EQ(all.GetWord(), 0x1Fu);
+  EXPECT_EQ(all.GetCount(), 5u);
+  EXPECT_EQ(ColourSet(0x20).GetCount(), 0u);
+  EXPECT_TRUE(Members(ColourSet()).empty());
+
+  ColourSet set;
+  set.Insert(kCyan);
+  set.Insert(kRed);
+  EXPECT_EQ(Members(set), (std::vector<Colour>{kRed, kCyan}));
+  EXPECT_TRUE(set.Contains(kCyan));
+  EXPECT_FALSE(set.Contains(kBlue));
+  EXPECT_EQ(set, ColourSet(0b1001));
+
+  // A full 32-value set counts beyond the first byte.
+  EXPECT_EQ((EnumSet<Colour, 32>(0xF0F0F0F1).GetCount()), 17u);
+  EXPECT_EQ((EnumSet<Colour, 32>(0x80000001).GetAt(1)), static_cast<Colour>(31));
+}
+
+TEST(EnumSetTest, ValuesOutsideTheSetThrowOutOfRange) {
+  const ColourSet set(0x1F);
+  for (const int bad : {-1, 5, 1000}) {
+    try {
+      set.Contains(static_cast<Colour>(bad));
+      ADD_FAILURE() << bad << " was accepted";
+    } catch (const std::out_of_range& e) {
+      EXPECT_STREQ(e.what(), "invalid bitset<N> position");
+    }
+  }
+  ColourSet empty;
+  EXPECT_THROW(empty.Insert(static_cast<Colour>(5)), std::out_of_range);
+  EXPECT_EQ(empty.GetWord(), 0u);
+}
+
+TEST(EnumSetTest, GetAtWithABadIndexReportsTwiceAndGivesMinusOne) {
+  const ColourSet set(0b00101);
+  ScopedAssertCapture capture;
+  EXPECT_EQ(static_cast<int>(set.GetAt(2)), -1);
+  ASSERT_EQ(capture.reports().size(), 2u);
+  EXPECT_EQ(capture.reports()[0].source, "tkcore/tkutils/EnumSet_T");
+  EXPECT_EQ(capture.reports()[0].line, 656);
+  EXPECT_EQ(capture.reports()[0].condition, "n >= 0 && n < GetCount()");
+  EXPECT_EQ(capture.reports()[1].source, "tkcore/tkutils/EnumSet_T");
+  EXPECT_EQ(capture.reports()[1].line, 662);
+  EXPECT_EQ(capture.reports()[1].condition, "kk != -1");
+
+  // A negative index is also out of the bit helper's range; the set's two
+  // reports still open and close the sequence.
+  capture.Clear();
+  EXPECT_EQ(static_cast<int>(set.GetAt(-1)), -1);
+  ASSERT_GE(capture.reports().size(), 2u);
+  EXPECT_EQ(capture.reports().front().line, 656);
+  EXPECT_EQ(capture.reports().back().line, 662);
+
+  capture.Clear();
+  EXPECT_EQ(set.GetAt(1), kBlue);
+  EXPECT_TRUE(capture.reports().empty());
+}
+
+}  // namespace

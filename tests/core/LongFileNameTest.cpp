@@ -1,0 +1,93 @@
+#include "core/LongFileName.h"
+
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using veltest::PathExists;
+using veltest::TempDir;
+
+LongFileName Dir(const std::string& path) {
+  LongFileName name{AString(path)};
+  name.MakeItDirectory();
+  return name;
+}
+
+TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
+  LongFileName unset;
+  EXPECT_FALSE(unset.IsInitialized());
+  EXPECT_FALSE(unset.IsDirectory());
+
+  // An empty base is the current directory, never the file system root.
+  EXPECT_EQ(Dir("").FilePath().wstr(), L"./");
+  EXPECT_TRUE(Dir("").IsInitialized());
+  EXPECT_EQ(Dir("a").FilePath().wstr(), L"a/");
+  EXPECT_EQ(Dir("a/").FilePath().wstr(), L"a/");
+  EXPECT_EQ(Dir("a//").FilePath().wstr(), L"a/");
+  EXPECT_EQ(Dir("/").FilePath().wstr(), L"/");
+  EXPECT_EQ(Dir("/tmp/x y").FilePath().wstr(), L"/tmp/x y/");
+  // A directory name takes file names directly.
+  EXPECT_EQ((Dir("work").FilePath() + AString("conn.txt")).wstr(), L"work/conn.txt");
+}
+
+TEST(LongFileNameTest, CreateDirectoryMakesExactlyOneNewDirectory) {
+  TempDir temp;
+  const LongFileName fresh = Dir(temp / "extract1");
+  EXPECT_FALSE(LFN_IsExistingDirectory(fresh));
+  ASSERT_TRUE(LFN_CreateDirectory(fresh));
+  EXPECT_TRUE(LFN_IsExistingDirectory(fresh));
+  EXPECT_TRUE(fresh.IsDirectory());
+
+  // Two runs computing the same name must not share it: the second fails.
+  EXPECT_FALSE(LFN_CreateDirectory(fresh));
+  // No parents are made.
+  EXPECT_FALSE(LFN_CreateDirectory(Dir(temp / "missing/child")));
+  EXPECT_FALSE(PathExists(temp / "missing"));
+  EXPECT_FALSE(LFN_CreateDirectory(LongFileName()));
+
+  // A file is not a directory.
+  veltest::WriteFile(temp / "file.txt", "x");
+  EXPECT_FALSE(LFN_IsExistingDirectory(LongFileName(AString(temp / "file.txt"))));
+
+  // Non-ASCII names reach the file system as their UTF-8 bytes.
+  const LongFileName wide = Dir(temp / "ausz\xC3\xBCge");
+  ASSERT_TRUE(LFN_CreateDirectory(wide));
+  EXPECT_TRUE(PathExists(temp / "ausz\xC3\xBCge"));
+}
+
+TEST(LongFileNameTest, DeleteRemovesATreeButNotWhatItsLinksPointTo) {
+  TempDir temp;
+  const std::string outside = temp / "outside";
+  ASSERT_TRUE(LFN_CreateDirectory(Dir(outside)));
+  veltest::WriteFile(outside + "/keep.txt", "keep");
+
+  const std::string tree = temp / "extract7";
+  ASSERT_TRUE(LFN_CreateDirectory(Dir(tree)));
+  ASSERT_TRUE(LFN_CreateDirectory(Dir(tree + "/sub")));
+  veltest::WriteFile(tree + "/conn.txt", "S!GND!");
+  veltest::WriteFile(tree + "/sub/deep.txt", "x");
+  ASSERT_EQ(symlink(outside.c_str(), (tree + "/link").c_str()), 0);
+
+  EXPECT_TRUE(LFN_Delete(Dir(tree)));
+  EXPECT_FALSE(PathExists(tree));
+  EXPECT_TRUE(PathExists(outside + "/keep.txt"));
+
+  // A link given as the directory itself (with its trailing separator) is
+  // removed as a link.
+  const std::string link = temp / "alias";
+  ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
+  EXPECT_TRUE(LFN_Delete(Dir(link)));
+  EXPECT_FALSE(PathExists(link));
+  EXPECT_TRUE(PathExists(outside + "/keep.txt"));
+
+  // A single file.
+  EXPECT_TRUE(LFN_Delete(LongFileName(AString(outside + "/keep.txt"))));
+  EXPECT_FALSE(PathExists(outside + "/keep.txt"));
+  EXPECT_FALSE(LFN_Delete(LongFileName()));
+}
+
+}  // namespace
