@@ -1,0 +1,158 @@
+#include "tools/extracta_sim/Faults.h"
+
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+namespace extracta_sim {
+
+namespace {
+
+std::uint64_t ReadCount(const char* name, const char* text) {
+  char* end = nullptr;
+  errno = 0;
+  const unsigned long long value = std::strtoull(text, &end, 10);
+  if (*text == '\0' || *text == '-' || *end != '\0' || errno != 0) {
+    throw FaultPlanError(std::string(name) + ": expected a non-negative whole number, got '" +
+                         text + "'");
+  }
+  return value;
+}
+
+void ReadOutputModes(const char* text, FaultPlan& plan) {
+  const std::string value = text;
+  std::size_t start = 0;
+  while (start <= value.size()) {
+    std::size_t comma = value.find(',', start);
+    if (comma == std::string::npos) comma = value.size();
+    const std::string mode = value.substr(start, comma - start);
+    static const std::string kDrop = "drop-field:";
+    if (mode == "none") {
+      plan.writeNoOutput = true;
+    } else if (mode == "truncate") {
+      plan.truncateOutput = true;
+    } else if (mode == "lf") {
+      plan.lfLineEnds = true;
+    } else if (mode.compare(0, kDrop.size(), kDrop) == 0 && mode.size() > kDrop.size()) {
+      plan.droppedFields.push_back(mode.substr(kDrop.size()));
+    } else {
+      throw FaultPlanError("EXTRACTA_SIM_OUTPUT: unknown mode '" + mode +
+                           "' (none, truncate, lf, drop-field:NAME)");
+    }
+    start = comma + 1;
+  }
+}
+
+void WriteAll(int fd, const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t done = ::write(fd, data, size);
+    if (done < 0) {
+      if (errno == EINTR) continue;
+      return;
+    }
+    data += done;
+    size -= static_cast<std::size_t>(done);
+  }
+}
+
+}  // namespace
+
+FaultPlan ReadFaultPlan(const EnvLookup& lookup) {
+  FaultPlan plan;
+  if (const char* v = lookup("EXTRACTA_SIM_MATCH")) plan.match = v;
+  if (const char* v = lookup("EXTRACTA_SIM_FAIL")) {
+    const std::string text = v;
+    const std::size_t colon = text.find(':');
+    const std::string code = text.substr(0, colon);
+    const std::uint64_t value = ReadCount("EXTRACTA_SIM_FAIL", code.c_str());
+    if (colon == std::string::npos || value > 255) {
+      throw FaultPlanError("EXTRACTA_SIM_FAIL: expected CODE:MESSAGE with CODE 0 to 255, got '" +
+                           text + "'");
+    }
+    plan.failCode = static_cast<int>(value);
+    plan.failMessage = text.substr(colon + 1);
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_SIGNAL")) {
+    const std::uint64_t value = ReadCount("EXTRACTA_SIM_SIGNAL", v);
+    if (value < 1 || value >= static_cast<std::uint64_t>(NSIG)) {
+      throw FaultPlanError(std::string("EXTRACTA_SIM_SIGNAL: no such signal '") + v + "'");
+    }
+    plan.signal = static_cast<int>(value);
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_PRINT_BYTES")) {
+    plan.printBytes = ReadCount("EXTRACTA_SIM_PRINT_BYTES", v);
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_SLEEP_MS")) {
+    plan.sleepMs = ReadCount("EXTRACTA_SIM_SLEEP_MS", v);
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_NS_PER_RECORD")) {
+    plan.nsPerRecord = ReadCount("EXTRACTA_SIM_NS_PER_RECORD", v);
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_GRANDCHILD_SECONDS")) {
+    char* end = nullptr;
+    const double seconds = std::strtod(v, &end);
+    if (*v == '\0' || *end != '\0' || !(seconds >= 0)) {
+      throw FaultPlanError(std::string("EXTRACTA_SIM_GRANDCHILD_SECONDS: expected seconds, got '") +
+                           v + "'");
+    }
+    plan.grandchildSeconds = seconds;
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_GRANDCHILD_PIDFILE")) plan.grandchildPidFile = v;
+  if (const char* v = lookup("EXTRACTA_SIM_GRANDCHILD_KEEP_OUTPUT")) {
+    plan.grandchildKeepsOutput = std::string(v) != "0" && *v != '\0';
+  }
+  if (const char* v = lookup("EXTRACTA_SIM_OUTPUT")) ReadOutputModes(v, plan);
+  if (const char* v = lookup("EXTRACTA_SIM_LOG")) plan.logFile = v;
+  if (const char* v = lookup("EXTRACTA_SIM_DATE")) plan.date = v;
+  return plan;
+}
+
+std::string BaseName(const std::string& path) {
+  const std::size_t slash = path.find_last_of("/\\");
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool AppliesTo(const FaultPlan& plan, const std::string& controlPath) {
+  if (plan.match.empty()) return true;
+  return ::fnmatch(plan.match.c_str(), BaseName(controlPath).c_str(), 0) == 0;
+}
+
+int LeaveGrandchild(double seconds, bool keepOutput) {
+  const pid_t pid = ::fork();
+  if (pid != 0) return static_cast<int>(pid);
+  // The grandchild stays in the process group, so ending the group ends it.
+  if (!keepOutput) {
+    const int null = ::open("/dev/null", O_WRONLY);
+    if (null >= 0) {
+      ::dup2(null, STDOUT_FILENO);
+      ::dup2(null, STDERR_FILENO);
+      ::close(null);
+    }
+  }
+  timespec left;
+  left.tv_sec = static_cast<time_t>(seconds);
+  left.tv_nsec = static_cast<long>((seconds - static_cast<double>(left.tv_sec)) * 1e9);
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+  ::_exit(0);
+}
+
+void PrintFiller(std::uint64_t count) {
+  static const std::string kLine =
+      "extracta-sim: reading design database, please wait .............\n";
+  std::string block;
+  while (block.size() + kLine.size() <= (1 << 16)) block += kLine;
+  while (count > 0) {
+    const std::size_t size = count < block.size() ? static_cast<std::size_t>(count) : block.size();
+    WriteAll(STDOUT_FILENO, block.data(), size);
+    count -= size;
+  }
+}
+
+}  // namespace extracta_sim
