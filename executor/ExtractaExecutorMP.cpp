@@ -69,7 +69,8 @@ RankedNets RankSurveyedNets(const AString& surveyFile) {
   const ExtractaViewData::Rows& records = survey.sRecords();
   VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
            static_cast<int>(records.size()));
-  if (records.empty()) return {};
+  // A survey without the column is a broken survey, whether or not it found
+  // records: its nets cannot be told apart.
   if (netColumn == ExtractaViewData::kNoColumn) {
     throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) +
                                   " has no NET_NAME column");
