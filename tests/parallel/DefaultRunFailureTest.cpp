@@ -1,0 +1,191 @@
+// Failures of the default run: a child failing anywhere ends the whole run
+// (seen through the program), and the texts the executor keeps for each kind
+// of failure, which only the executor shows.
+
+#include <fnmatch.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <memory>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/AString.h"
+#include "executor/ExtractaExecutor.h"
+#include "process/ExtractaViewGenerator.h"
+#include "tests/parallel/DefaultRunSupport.h"
+#include "tests/support/TestSupport.h"
+#include "views/ViewTypes.h"
+
+namespace {
+
+using defaultrun::NetClass;
+
+const std::string kPrefix = "createExtractaControlFileAndViewsMP: ";
+
+std::vector<NetClass> TwoNets() {
+  return {{"A", "ETCH"}, {"A", "PIN"}, {"A", "VIA CLASS"}, {"B", "PIN"}, {"B", "ETCH"}};
+}
+
+TEST(DefaultRunFailure, ChildFailingAnywhereEndsTheRunAndLeavesNothingBehind) {
+  veltest::TempDir dir;
+  const std::string design = defaultrun::WithConnectivity(
+      defaultrun::MakeDesign(dir.path(), 5, 100), dir / "two.mcm", TwoNets());
+  struct Fault {
+    const char* match;
+    const char* variable;
+    const char* value;
+  };
+  for (const Fault& fault :
+       {Fault{"extracta_control_conn1_*_PIN.txt", "EXTRACTA_SIM_FAIL", "3:injected failure"},
+        Fault{"extracta_control_connremainder.txt", "EXTRACTA_SIM_FAIL", "1:injected failure"},
+        Fault{"extracta_control_outline.txt", "EXTRACTA_SIM_FAIL", "2:injected failure"},
+        Fault{"extracta_control_connnets.txt", "EXTRACTA_SIM_FAIL", "1:injected failure"},
+        Fault{"extracta_control_conn0_*_ETCH.txt", "EXTRACTA_SIM_SIGNAL", "9"}}) {
+    SCOPED_TRACE(fault.match);
+    const defaultrun::ProgramRun run =
+        defaultrun::RunProgram(dir.path(), {"-z", design, dir / "out.vlx"},
+                               {{"EXTRACTA_SIM_MATCH", fault.match}, {fault.variable, fault.value}},
+                               /*keepWorkDir=*/false);
+
+    EXPECT_EQ(run.result.exitCode, 1);
+    EXPECT_EQ(run.result.err, "view creation failed (1).\n");
+    EXPECT_EQ(run.result.out, "");
+    EXPECT_TRUE(defaultrun::WorkingDirsIn(dir.path()).empty());
+    EXPECT_FALSE(veltest::PathExists(dir / "out.vlx"));
+    // The failing child was the last one started: nothing was started after
+    // the failure was seen, and no child outlived the program.
+    ASSERT_FALSE(run.runs.empty());
+    EXPECT_EQ(fnmatch(fault.match, run.runs.back().control.c_str(), 0), 0)
+        << run.runs.back().control;
+    for (const defaultrun::SimRun& sim : run.runs)
+      EXPECT_FALSE(defaultrun::ProcessExists(sim.pid)) << sim.control;
+  }
+}
+
+// Runs the default view creation on an executor directly, so that its error
+// message and active view list can be looked at, with the working directory
+// prepared by `prepare` before the run.
+class DefaultRunExecutor : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    design_ = defaultrun::WithConnectivity(defaultrun::MakeDesign(dir_.path(), 5, 100),
+                                           dir_ / "two.mcm", TwoNets());
+  }
+
+  bool Run(const defaultrun::EnvMap& faults, const std::vector<std::string>& dirsToPrepare = {}) {
+    std::vector<std::unique_ptr<veltest::ScopedEnv>> env;
+    for (const auto& [name, value] : defaultrun::ExtractorEnv(dir_ / "sim.log")) {
+      env.push_back(std::make_unique<veltest::ScopedEnv>(name, value));
+    }
+    for (const auto& [name, value] : faults)
+      env.push_back(std::make_unique<veltest::ScopedEnv>(name, value));
+    env.push_back(std::make_unique<veltest::ScopedEnv>("VELTAR_EXTRACTA_DEBUG", std::nullopt));
+
+    if (!executor_.createWorkingDir(AString(dir_.path()))) return false;
+    workDir_ = VEL_ANSI(executor_.getWorkingDir().FilePath());
+    for (const std::string& name : dirsToPrepare) ::mkdir((workDir_ + name).c_str(), 0700);
+    return executor_.createExtractaControlFileAndViewsMP(AString(design_), kStandardViews, {},
+                                                         views_);
+  }
+
+  std::string Message() const { return VEL_ANSI(executor_.getErrorMessage()); }
+
+  bool HasConn() const {
+    for (const ActiveView& view : views_) {
+      if (view.viewType == kConn) return true;
+    }
+    return false;
+  }
+
+  veltest::TempDir dir_;
+  std::string design_;
+  ExtractaExecutor executor_;
+  std::string workDir_;
+  std::vector<ActiveView> views_;
+};
+
+TEST_F(DefaultRunExecutor, ChildFailureIsStoredWithThePrefixOnce) {
+  ASSERT_FALSE(Run({{"EXTRACTA_SIM_MATCH", "extracta_control_connremainder.txt"},
+                    {"EXTRACTA_SIM_FAIL", "4:injected failure"}}));
+  EXPECT_EQ(Message().rfind(kPrefix, 0), 0u) << Message();
+  EXPECT_EQ(Message().find(kPrefix, 1), std::string::npos) << Message();
+  EXPECT_NE(Message().find("injected failure"), std::string::npos) << Message();
+  EXPECT_TRUE(views_.empty());
+}
+
+TEST_F(DefaultRunExecutor, MergeFailuresAreStoredWithThePrefixTwice) {
+  struct Case {
+    const char* noOutputFor;  // a split run that writes no view file
+    std::vector<std::string> dirs;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {"extracta_control_conn0_A_PIN.txt", {}, "failed to open file @conn0_A_PIN.txt"},
+      // A piece that opens but cannot be read.
+      {"extracta_control_conn0_A_VIA_CLASS.txt",
+       {"conn0_A_VIA_CLASS.txt"},
+       "missing header in file @conn0_A_VIA_CLASS.txt"},
+      // A combined file that cannot be written.
+      {"none",
+       {"conn.txt"},
+       "error adding @conn0_A_CONDUCTOR_ETCH.txt to combined connectivity file"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    views_.clear();
+    ASSERT_FALSE(
+        Run({{"EXTRACTA_SIM_MATCH", c.noOutputFor}, {"EXTRACTA_SIM_OUTPUT", "none"}}, c.dirs));
+    std::string expected = c.message;
+    expected.replace(expected.find('@'), 1, workDir_);
+    EXPECT_EQ(Message(), kPrefix + "createExtractaControlFileAndViewsMP " + expected);
+    EXPECT_FALSE(HasConn());
+    executor_.deleteWorkingDir();
+  }
+}
+
+TEST_F(DefaultRunExecutor, SurveyWithoutNetNameColumnFails) {
+  ASSERT_FALSE(Run({{"EXTRACTA_SIM_MATCH", "extracta_control_connnets.txt"},
+                    {"EXTRACTA_SIM_OUTPUT", "drop-field:NET_NAME"}}));
+  EXPECT_NE(Message().find("has no NET_NAME column"), std::string::npos) << Message();
+}
+
+TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndToleratesAShortFirstPiece) {
+  // A's first piece is cut inside its first header line, so it holds less
+  // than the two lines of a header.
+  ExtractaViewGenerator::maxConcurrentExtractas = 7;
+  ASSERT_TRUE(Run({{"EXTRACTA_SIM_MATCH", "extracta_control_conn0_A_CONDUCTOR_ETCH.txt"},
+                   {"EXTRACTA_SIM_OUTPUT", "truncate"}}))
+      << Message();
+  EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
+            ExtractaViewGenerator::DefaultConcurrencyLimit());
+
+  std::vector<std::string> paths;
+  std::vector<ViewType> types;
+  for (const ActiveView& view : views_) {
+    paths.push_back(VEL_ANSI(view.path));
+    types.push_back(view.viewType);
+  }
+  std::vector<std::string> expectedPaths = {workDir_ + "conn.txt"};
+  for (const char* view : {"layer", "paddef", "fullgeo", "diestack", "net", "component", "outline",
+                           "compositepad", "logicalpin"}) {
+    expectedPaths.push_back(workDir_ + view + ".txt");
+  }
+  EXPECT_EQ(paths, expectedPaths);
+  EXPECT_EQ(types, (std::vector<ViewType>{kConn, kLayer, kPadDef, kFullGeo, kDieStack, kNet,
+                                          kComponent, kOutline, kCompositePad, kLogicalPin}));
+
+  const std::string cut = veltest::ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
+  ASSERT_EQ(cut.find('\n'), std::string::npos);
+  std::string bodies;
+  for (const char* piece :
+       {"conn0_A_PIN.txt", "conn0_A_VIA_CLASS.txt", "conn1_B_CONDUCTOR_ETCH.txt", "conn1_B_PIN.txt",
+        "conn1_B_VIA_CLASS.txt", "connremainder.txt"}) {
+    bodies += defaultrun::SplitHeader(veltest::ReadFile(workDir_ + piece)).body;
+  }
+  EXPECT_EQ(veltest::ReadFile(workDir_ + "conn.txt"), cut + "\n\n" + bodies);
+}
+
+}  // namespace
