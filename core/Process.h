@@ -1,0 +1,90 @@
+#pragma once
+// Child processes: start a program, ask whether it still runs, end it together
+// with everything it started.
+//
+// A program is started from an argument array as if from a command line: the
+// arguments after the program name are joined by single blanks and split
+// again by the rules of the Windows C runtime, so an argument that carries its
+// own double quotes ("a b/c.mcm") reaches the child as one argument without
+// them (a b/c.mcm), and arguments are never escaped on the way. The program
+// name itself is taken as given, blanks included.
+//
+// A name without a "/" is looked up on PATH; a name with one is taken relative
+// to the caller's current directory. When the name is not found and ends in
+// ".exe", the name without ".exe" is tried the same way, so "extracta.exe"
+// finds "extracta". A program that is not there gives error 2.
+//
+// Children started in a process group of their own are remembered until their
+// group is known to be gone, so that an interrupt of this program can end them
+// (core/Interrupt.h). On Linux the calling process also becomes the reaper of
+// its children's orphans: ending a tree then leaves no zombie behind, whatever
+// the system's init does.
+
+#include <string>
+#include <vector>
+
+#include "core/AString.h"
+#include "core/Pipe.h"
+
+// A started child; null for none. Pointer-sized and opaque.
+using VeltProcessHandle = void*;
+
+// The exit code reported while a child still runs.
+constexpr int kVeltStillActive = 259;
+
+// Starts a child and returns 0, or the system's error code (2: the program was
+// not found; 20: the working directory is not a directory).
+//   applicationName  program to run; empty: argv[0] names it
+//   argv, argc       argv[0] the program name as the child sees it, then the
+//                    arguments (see above)
+//   processHandle    receives the child's handle (null on failure)
+//   workingDirectory the child's current directory; empty: the caller's
+//   environment      "NAME=value" entries ending in null; null: the caller's
+//   inputPath        file on the child's standard input; null: /dev/null
+//   outputHandle     where standard output goes; kVeltNullPipeHandle: the
+//                    caller's standard output
+//   creationFlags    reserved for platform flags; none exist here, so it must
+//                    be 0 (anything else gives EINVAL)
+//   inheritHandles   false: the child gets its three standard streams and no
+//                    other descriptor of the caller; true: descriptors without
+//                    close-on-exec stay open in the child
+//   errorToOutput    true: standard error goes where standard output goes;
+//                    false: it stays the caller's
+//   newProcessGroup  true: the child leads a process group of its own, which
+//                    VeltTerminateProcessTree and interrupts end as a whole
+//   processId        receives the child's process id; may be null
+int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
+                      VeltProcessHandle& processHandle, const AString& workingDirectory,
+                      const char* const* environment, const char* inputPath,
+                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
+                      bool errorToOutput, bool newProcessGroup, int* processId);
+
+// Never blocks. Returns zero on failure (a null handle, or a child that was
+// reaped behind the handle's back); otherwise sets exitCode to
+// kVeltStillActive while the child runs, else to its exit status (128 + the
+// signal number for a child ended by a signal). An ended child is reaped on
+// the first query that sees it ended and its code is kept for later queries.
+int VeltGetProcessExitCode(VeltProcessHandle handle, int& exitCode);
+
+// Ends the child and every process of its group (grandchildren included) at
+// once, and waits until they are reaped. On a child that ended by itself it
+// still ends whatever it left running in its group. Zero for a null handle.
+int VeltTerminateProcessTree(VeltProcessHandle handle);
+
+// Releases the handle of a child that has ended (its exit code was read, or
+// it was terminated). A child still running keeps its handle: false.
+bool VeltCloseProcessHandle(VeltProcessHandle handle);
+
+// The child's process id; 0 for a null handle.
+int VeltProcessId(VeltProcessHandle handle);
+
+// The system's text for an error code, at most 78 characters (what a buffer
+// of 79 holds with its terminator), without a trailing line end.
+std::string VeltFormatSystemMessage(int errorCode);
+
+// Splits a command line as the Windows C runtime splits the arguments after
+// the program name: blanks and tabs separate; double quotes group and are
+// removed; 2n backslashes before a quote give n backslashes and the quote
+// groups, 2n+1 give n backslashes and a literal quote; other backslashes are
+// literal; two quotes inside a quoted part give one literal quote.
+std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine);

@@ -1,0 +1,21 @@
+#pragma once
+// The table of live child process groups that an interrupt ends. Written by
+// process creation and reaping, read by the signal handler, which may run at
+// any moment: a fixed number of lock-free slots, no allocation.
+
+#include <sys/types.h>
+
+namespace velt_posix {
+
+// Remembers a child's process group; returns its slot, or -1 when the table
+// stays full even after forgetting the groups that are gone.
+int RegisterChildGroup(pid_t group);
+
+// Forgets the group in its slot, unless the slot has been given to another
+// group since (-1 is ignored).
+void ReleaseChildGroup(int slot, pid_t group);
+
+// Sends the signal to every registered group. Async-signal-safe.
+void SignalChildGroups(int signal);
+
+}  // namespace velt_posix

@@ -1,0 +1,108 @@
+#include "core/Interrupt.h"
+
+#include <signal.h>
+
+#include <atomic>
+#include <cerrno>
+
+#include "core/ExtractaParserException.h"
+#include "core/posix/ChildGroups.h"
+
+namespace velt_posix {
+namespace {
+
+// More than a run ever has alive at once (about twenty children); a child
+// that finds the table full still runs, it is only not ended by an interrupt.
+constexpr int kGroupSlots = 256;
+
+std::atomic<pid_t> childGroups[kGroupSlots];
+
+static_assert(std::atomic<pid_t>::is_always_lock_free, "the signal handler reads the slots");
+
+int TakeFreeSlot(pid_t group) {
+  for (int slot = 0; slot < kGroupSlots; ++slot) {
+    pid_t expected = 0;
+    if (childGroups[slot].compare_exchange_strong(expected, group)) return slot;
+  }
+  return -1;
+}
+
+}  // namespace
+
+int RegisterChildGroup(pid_t group) {
+  const int slot = TakeFreeSlot(group);
+  if (slot >= 0) return slot;
+  // Groups whose leader finished normally stay registered while they might
+  // still hold a grandchild; forget those that are gone by now.
+  for (auto& entry : childGroups) {
+    const pid_t old = entry.load();
+    if (old != 0 && kill(-old, 0) != 0 && errno == ESRCH) {
+      pid_t expected = old;
+      entry.compare_exchange_strong(expected, 0);
+    }
+  }
+  return TakeFreeSlot(group);
+}
+
+void ReleaseChildGroup(int slot, pid_t group) {
+  if (slot < 0 || slot >= kGroupSlots) return;
+  childGroups[slot].compare_exchange_strong(group, 0);
+}
+
+void SignalChildGroups(int signal) {
+  for (auto& entry : childGroups) {
+    const pid_t group = entry.load();
+    if (group > 0) kill(-group, signal);
+  }
+}
+
+}  // namespace velt_posix
+
+namespace {
+
+std::atomic<int> pendingSignal{0};
+
+static_assert(std::atomic<int>::is_always_lock_free, "the signal handler writes it");
+
+void OnInterrupt(int signal) {
+  const int savedErrno = errno;
+  velt_posix::SignalChildGroups(SIGKILL);
+  int none = 0;
+  if (!pendingSignal.compare_exchange_strong(none, signal)) {
+    // The first interrupt was not acted on yet and the user insists: die by
+    // this signal as if no handler were installed (it is delivered when the
+    // handler returns, since it is blocked while the handler runs).
+    struct sigaction fallback = {};
+    fallback.sa_handler = SIG_DFL;
+    sigaction(signal, &fallback, nullptr);
+    raise(signal);
+  }
+  errno = savedErrno;
+}
+
+}  // namespace
+
+void InstallInterruptHandlers() {
+  struct sigaction action = {};
+  action.sa_handler = OnInterrupt;
+  sigemptyset(&action.sa_mask);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&action.sa_mask, signal);
+  // Interrupted system calls resume; the waits notice the request by polling.
+  action.sa_flags = SA_RESTART;
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+}
+
+bool InterruptRequested() { return pendingSignal.load() != 0; }
+
+int InterruptSignal() { return pendingSignal.load(); }
+
+std::string InterruptMessage(int signal) {
+  return "interrupted by signal " + std::to_string(signal);
+}
+
+void ThrowIfInterrupted() {
+  const int signal = pendingSignal.load();
+  if (signal != 0) throw ExtractaParserException(InterruptMessage(signal));
+}
+
+void ClearInterruptRequest() { pendingSignal.store(0); }

@@ -1,0 +1,370 @@
+#include "core/Process.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/posix/ChildGroups.h"
+
+extern char** environ;
+
+namespace {
+
+struct ChildProcess {
+  pid_t pid = 0;
+  pid_t group = 0;     // 0: the child stayed in the caller's group
+  int groupSlot = -1;  // its entry in the interrupt table; -1: none
+  bool groupMayLive = false;
+  bool ended = false;
+  int exitCode = kVeltStillActive;
+};
+
+ChildProcess* Child(VeltProcessHandle handle) { return static_cast<ChildProcess*>(handle); }
+
+int ExitCodeOf(int status) {
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return status;
+}
+
+bool GroupGone(pid_t group) { return kill(-group, 0) != 0 && errno == ESRCH; }
+
+void ForgetGroup(ChildProcess& child) {
+  velt_posix::ReleaseChildGroup(child.groupSlot, child.group);
+  child.groupSlot = -1;
+  child.groupMayLive = false;
+}
+
+// Records the end of the group leader. Whatever else of its group has ended
+// already is reaped too (orphans are ours, see BecomeOrphanReaper); a group
+// that is not empty yet stays registered, so an interrupt still ends it.
+void RecordEnd(ChildProcess& child, int status) {
+  child.ended = true;
+  child.exitCode = ExitCodeOf(status);
+  if (!child.groupMayLive) return;
+  while (waitpid(-child.group, nullptr, WNOHANG) > 0) {
+  }
+  if (GroupGone(child.group)) ForgetGroup(child);
+}
+
+// Orphans of a child tree are handed to this process instead of the system's
+// init, so that ending a tree can reap all of it: an init that does not reap
+// (as in many containers) would otherwise keep them as zombies.
+void BecomeOrphanReaper() {
+#ifdef __linux__
+  static const bool done = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+  (void)done;
+#endif
+}
+
+bool EndsWithExe(const std::string& name) {
+  if (name.size() <= 4) return false;
+  const std::string tail = name.substr(name.size() - 4);
+  return strcasecmp(tail.c_str(), ".exe") == 0;
+}
+
+// True for a regular file we may execute; `unusable` records a file that is
+// there but is no program we may run.
+bool IsProgram(const std::string& path, bool& unusable) {
+  struct stat info;
+  if (stat(path.c_str(), &info) != 0) return false;
+  if (S_ISREG(info.st_mode) && access(path.c_str(), X_OK) == 0) return true;
+  unusable = true;
+  return false;
+}
+
+std::string Absolute(const std::string& path) {
+  if (!path.empty() && path[0] == '/') return path;
+  std::string directory(256, '\0');
+  while (!getcwd(&directory[0], directory.size())) {
+    if (errno != ERANGE) return path;
+    directory.resize(directory.size() * 2);
+  }
+  directory.resize(std::strlen(directory.c_str()));
+  return directory + "/" + path;
+}
+
+// Finds the program to execute; 0 and its absolute path, or an error code.
+int FindProgram(const std::string& name, std::string& found) {
+  if (name.empty()) return ENOENT;
+  std::vector<std::string> candidates{name};
+  if (EndsWithExe(name)) candidates.push_back(name.substr(0, name.size() - 4));
+  const char* pathVariable = std::getenv("PATH");
+  const std::string searchPath = pathVariable ? pathVariable : "/bin:/usr/bin";
+  bool unusable = false;
+  for (const std::string& candidate : candidates) {
+    if (candidate.find('/') != std::string::npos) {
+      if (IsProgram(candidate, unusable)) {
+        found = Absolute(candidate);
+        return 0;
+      }
+      continue;
+    }
+    std::size_t start = 0;
+    for (;;) {
+      const std::size_t end = searchPath.find(':', start);
+      std::string directory = searchPath.substr(start, end - start);
+      if (directory.empty()) directory = ".";  // an empty entry is the current directory
+      const std::string path = directory + "/" + candidate;
+      if (IsProgram(path, unusable)) {
+        found = Absolute(path);
+        return 0;
+      }
+      if (end == std::string::npos) break;
+      start = end + 1;
+    }
+  }
+  return unusable ? EACCES : ENOENT;
+}
+
+// Signals a caller may ignore, which a child must not inherit ignored.
+void AddDefaultedSignals(sigset_t& set) {
+  sigemptyset(&set);
+  for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGUSR2,
+                     SIGTSTP, SIGTTIN, SIGTTOU})
+    sigaddset(&set, signal);
+}
+
+// The spawn's file actions and attributes, released in every case.
+struct SpawnSetup {
+  posix_spawn_file_actions_t actions;
+  posix_spawnattr_t attributes;
+  SpawnSetup() {
+    posix_spawn_file_actions_init(&actions);
+    posix_spawnattr_init(&attributes);
+  }
+  ~SpawnSetup() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+  }
+};
+
+}  // namespace
+
+int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
+                      VeltProcessHandle& processHandle, const AString& workingDirectory,
+                      const char* const* environment, const char* inputPath,
+                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
+                      bool errorToOutput, bool newProcessGroup, int* processId) {
+  processHandle = nullptr;
+  if (processId) *processId = 0;
+  if (creationFlags != 0 || argv == nullptr || argc < 1) return EINVAL;
+
+  std::string executable;
+  const int lookup =
+      FindProgram(VEL_ANSI(applicationName.empty() ? argv[0] : applicationName), executable);
+  if (lookup != 0) return lookup;
+
+  std::vector<std::string> arguments{VEL_ANSI(argv[0])};
+  std::string commandLine;
+  for (int i = 1; i < argc; ++i) {
+    if (i > 1) commandLine += ' ';
+    commandLine += VEL_ANSI(argv[i]);
+  }
+  for (std::string& argument : VeltSplitCommandLine(commandLine))
+    arguments.push_back(std::move(argument));
+  std::vector<char*> argumentPointers;
+  for (std::string& argument : arguments) argumentPointers.push_back(&argument[0]);
+  argumentPointers.push_back(nullptr);
+
+  // Opened here, so that a bad working directory is not mistaken for a
+  // missing program (both would be "not found" in the child).
+  int directory = -1;
+  if (!workingDirectory.empty()) {
+    directory = open(VEL_ANSI(workingDirectory).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) return errno == ENOENT ? ENOTDIR : errno;
+  }
+
+  SpawnSetup setup;
+  if (directory >= 0) posix_spawn_file_actions_addfchdir_np(&setup.actions, directory);
+  posix_spawn_file_actions_addopen(&setup.actions, 0, inputPath ? inputPath : "/dev/null", O_RDONLY,
+                                   0);
+  if (outputHandle != kVeltNullPipeHandle) {
+    posix_spawn_file_actions_adddup2(&setup.actions, outputHandle, 1);
+    if (errorToOutput) posix_spawn_file_actions_adddup2(&setup.actions, outputHandle, 2);
+  } else if (errorToOutput) {
+    posix_spawn_file_actions_adddup2(&setup.actions, 1, 2);
+  }
+  // Descriptors of other libraries may lack close-on-exec; none may reach the
+  // child, or a pipe's end would stay open in a process that never uses it.
+  if (!inheritHandles) posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  if (newProcessGroup) {
+    flags |= POSIX_SPAWN_SETPGROUP;
+    posix_spawnattr_setpgroup(&setup.attributes, 0);
+    BecomeOrphanReaper();
+  }
+  sigset_t noSignals, defaulted;
+  sigemptyset(&noSignals);
+  AddDefaultedSignals(defaulted);
+  posix_spawnattr_setsigmask(&setup.attributes, &noSignals);
+  posix_spawnattr_setsigdefault(&setup.attributes, &defaulted);
+  posix_spawnattr_setflags(&setup.attributes, flags);
+
+  // Interrupts wait until the child's group is registered, so the handler
+  // cannot miss a child that has already started.
+  sigset_t interrupts, previous;
+  sigemptyset(&interrupts);
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, signal);
+  pthread_sigmask(SIG_BLOCK, &interrupts, &previous);
+  pid_t pid = 0;
+  char* const* childEnvironment =
+      environment ? const_cast<char* const*>(environment) : static_cast<char* const*>(environ);
+  const int error = posix_spawn(&pid, executable.c_str(), &setup.actions, &setup.attributes,
+                                argumentPointers.data(), childEnvironment);
+  ChildProcess* child = nullptr;
+  if (error == 0) {
+    child = new ChildProcess;
+    child->pid = pid;
+    if (newProcessGroup) {
+      child->group = pid;
+      child->groupMayLive = true;
+      child->groupSlot = velt_posix::RegisterChildGroup(pid);
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (directory >= 0) close(directory);
+  if (error != 0) return error;
+
+  processHandle = child;
+  if (processId) *processId = pid;
+  return 0;
+}
+
+int VeltGetProcessExitCode(VeltProcessHandle handle, int& exitCode) {
+  ChildProcess* child = Child(handle);
+  if (!child) return 0;
+  if (!child->ended) {
+    int status = 0;
+    pid_t reaped;
+    do {
+      reaped = waitpid(child->pid, &status, WNOHANG);
+    } while (reaped < 0 && errno == EINTR);
+    if (reaped < 0) return 0;
+    if (reaped == 0) {
+      exitCode = kVeltStillActive;
+      return 1;
+    }
+    RecordEnd(*child, status);
+  }
+  exitCode = child->exitCode;
+  return 1;
+}
+
+int VeltTerminateProcessTree(VeltProcessHandle handle) {
+  ChildProcess* child = Child(handle);
+  if (!child) return 0;
+  if (child->groupMayLive)
+    kill(-child->group, SIGKILL);
+  else if (!child->ended)
+    kill(child->pid, SIGKILL);
+
+  if (!child->ended) {
+    int status = 0;
+    pid_t reaped;
+    do {
+      reaped = waitpid(child->pid, &status, 0);
+    } while (reaped < 0 && errno == EINTR);
+    if (reaped == child->pid) {
+      RecordEnd(*child, status);
+    } else {
+      child->ended = true;  // reaped behind our back; its code is unknown
+    }
+  }
+  if (child->groupMayLive) {
+    // Whatever the leader left in its group was handed to us and dies of the
+    // same signal; wait for all of it.
+    for (;;) {
+      const pid_t reaped = waitpid(-child->group, nullptr, 0);
+      if (reaped < 0 && errno != EINTR) break;
+    }
+    ForgetGroup(*child);
+  }
+  return 1;
+}
+
+bool VeltCloseProcessHandle(VeltProcessHandle handle) {
+  ChildProcess* child = Child(handle);
+  if (!child) return false;
+  // A child reaped behind our back (the query fails) has ended too.
+  int exitCode = 0;
+  if (!child->ended && VeltGetProcessExitCode(handle, exitCode) && !child->ended) return false;
+  delete child;
+  return true;
+}
+
+int VeltProcessId(VeltProcessHandle handle) {
+  const ChildProcess* child = Child(handle);
+  return child ? child->pid : 0;
+}
+
+std::string VeltFormatSystemMessage(int errorCode) {
+  char buffer[79];
+  const char* text = strerror_r(errorCode, buffer, sizeof buffer);
+  std::string message(text ? text : "");
+  if (message.size() > sizeof buffer - 1) message.resize(sizeof buffer - 1);
+  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
+  return message;
+}
+
+std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine) {
+  std::vector<std::string> arguments;
+  std::string current;
+  bool inArgument = false;
+  bool quoted = false;
+  const std::size_t length = commandLine.size();
+  std::size_t i = 0;
+  while (i < length) {
+    const char c = commandLine[i];
+    if (!quoted && (c == ' ' || c == '\t')) {
+      if (inArgument) arguments.push_back(std::move(current));
+      current.clear();
+      inArgument = false;
+      ++i;
+      continue;
+    }
+    inArgument = true;
+    if (c == '\\') {
+      std::size_t backslashes = 0;
+      while (i < length && commandLine[i] == '\\') {
+        ++backslashes;
+        ++i;
+      }
+      if (i < length && commandLine[i] == '"') {
+        current.append(backslashes / 2, '\\');
+        if (backslashes % 2 == 1) {
+          current += '"';
+          ++i;
+        }
+      } else {
+        current.append(backslashes, '\\');
+      }
+      continue;
+    }
+    if (c == '"') {
+      if (quoted && i + 1 < length && commandLine[i + 1] == '"') {
+        current += '"';
+        i += 2;
+      } else {
+        quoted = !quoted;
+        ++i;
+      }
+      continue;
+    }
+    current += c;
+    ++i;
+  }
+  if (inArgument) arguments.push_back(std::move(current));
+  return arguments;
+}
