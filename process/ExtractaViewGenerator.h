@@ -10,12 +10,15 @@
 // queued generators started in first-in first-out order, only while some wait
 // polls.
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <vector>
 
 #include "core/AString.h"
 #include "core/LongFileName.h"
+#include "core/Pipe.h"
+#include "core/Process.h"
 #include "views/ExtractaViewDef.h"
 #include "views/ViewTypes.h"
 
@@ -45,4 +48,46 @@ class ExtractaViewGenerator {
   // Half the hardware threads, at least 1.
   static uint32_t ConcurrencyLimitFor(unsigned hardwareThreads);
   static uint32_t DefaultConcurrencyLimit();
+
+  // For tests and diagnostics: the pool's queue lengths and this generator's
+  // child (null while queued or after its child was reaped).
+  static std::size_t runningCount() { return runningGenerators.size(); }
+  static std::size_t waitingCount() { return waitingGenerators.size(); }
+  VeltProcessHandle childProcess() const { return processHandle; }
+
+ private:
+  static AString extractaExecutableName();
+  static AString quotedPath(const LongFileName& file);
+  static std::vector<AString> buildExtractaArguments(const LongFileName& first,
+                                                     const LongFileName& second,
+                                                     bool generatorOption,
+                                                     const std::vector<LongFileName>& files);
+  static VeltProcessHandle StartChildProcess(const AString& executable,
+                                             const std::vector<AString>& arguments,
+                                             const LongFileName& workingDir,
+                                             VeltPipeHandle pipeWriteEnd);
+  static bool ProcessRunning(VeltProcessHandle handle, const AString& processName,
+                             VeltPipeHandle readEnd, AString& output);
+  static void runAndWait(const AString& executable, const std::vector<AString>& arguments,
+                         const LongFileName& workingDir);
+  static void pollProcesses();
+
+  void startOrQueue();
+  bool checkFinished();
+  void leaveQueues();
+
+  // The pool: generators waiting for room, first in first out, and those
+  // whose child was started and not yet reaped. Non-owning: a generator
+  // leaves both when it is destroyed.
+  static std::deque<ExtractaViewGenerator*> waitingGenerators;
+  static std::deque<ExtractaViewGenerator*> runningGenerators;
+
+  ViewType viewType;
+  AString name;  // sanitised: letters, digits, "-" and "_" only
+  LongFileName workingDir;
+  LongFileName outputFile;
+  VeltProcessHandle processHandle = nullptr;
+  CPipe pipe;
+  AString output;  // everything the child printed so far
+  std::vector<AString> arguments;
 };

@@ -1,0 +1,260 @@
+#include "process/ExtractaViewGenerator.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include <boost/thread/thread.hpp>
+
+#include "core/ExtractaParserException.h"
+#include "core/Interrupt.h"
+#include "core/VelDebug.h"
+#include "views/ExtractaViewControl.h"
+
+std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::waitingGenerators;
+std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::runningGenerators;
+uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
+    ExtractaViewGenerator::DefaultConcurrencyLimit();
+
+namespace {
+
+// Between two passes over the children; short enough that a child printing
+// a lot never waits long on a full pipe.
+void SleepOnePoll() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+void RemoveAll(std::deque<ExtractaViewGenerator*>& queue, ExtractaViewGenerator* generator) {
+  queue.erase(std::remove(queue.begin(), queue.end(), generator), queue.end());
+}
+
+bool Contains(const std::deque<ExtractaViewGenerator*>& queue,
+              const ExtractaViewGenerator* generator) {
+  return std::find(queue.begin(), queue.end(), generator) != queue.end();
+}
+
+bool IsNameCharacter(wchar_t c) {
+  return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9') ||
+         c == L'-' || c == L'_';
+}
+
+// The name goes into file names: anything but letters, digits, "-" and "_"
+// becomes "_", one for one.
+AString SanitisedName(const AString& name) {
+  std::wstring text = name.wstr();
+  for (wchar_t& c : text)
+    if (!IsNameCharacter(c)) c = L'_';
+  return AString(std::move(text));
+}
+
+}  // namespace
+
+uint32_t ExtractaViewGenerator::ConcurrencyLimitFor(unsigned hardwareThreads) {
+  const uint32_t half = hardwareThreads / 2;
+  return half == 0 ? 1 : half;
+}
+
+uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
+  return ConcurrencyLimitFor(boost::thread::hardware_concurrency());
+}
+
+ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
+                                             const ExtractaViewDef& viewDef,
+                                             const LongFileName& workingDir, bool generatorOption,
+                                             const AString& name)
+    : viewType(viewDef.viewType), name(name), workingDir(workingDir) {
+  pipe.CreatePipe();
+  try {
+    this->name = SanitisedName(this->name);
+    const AString directory = workingDir.FilePath();
+    const LongFileName controlFile(directory + AString("extracta_control_") +
+                                   ViewTypeName(viewType) + this->name + AString(".txt"));
+    {
+      std::ofstream control(VEL_ANSI(controlFile.FilePath()), std::ios::out | std::ios::trunc);
+      WriteViewBlock(viewDef, control);
+      // A full disk may show only when the stream writes its buffer out.
+      control.flush();
+      if (control.eof() || control.fail() || control.bad())
+        throw ExtractaParserException(AString("ExtractaViewGenerator failed to write file ") +
+                                      directory);
+    }
+    outputFile = LongFileName(directory + MakeViewFileName(viewType, this->name));
+    arguments = buildExtractaArguments(designFile, controlFile, generatorOption, {outputFile});
+    startOrQueue();
+  } catch (...) {
+    if (processHandle) {
+      VeltTerminateProcessTree(processHandle);
+      VeltCloseProcessHandle(processHandle);
+      processHandle = nullptr;
+    }
+    leaveQueues();
+    throw;
+  }
+}
+
+ExtractaViewGenerator::~ExtractaViewGenerator() {
+  if (processHandle) {
+    VelDebug(1, L"*ExtractaViewGenerator destructor: VeltTerminateProcessTree\n");
+    VeltTerminateProcessTree(processHandle);
+    VeltCloseProcessHandle(processHandle);
+    processHandle = nullptr;
+  }
+  leaveQueues();
+}
+
+void ExtractaViewGenerator::leaveQueues() {
+  RemoveAll(waitingGenerators, this);
+  RemoveAll(runningGenerators, this);
+}
+
+AString ExtractaViewGenerator::extractaExecutableName() {
+  AString executable("extracta.exe");
+  if (const char* override = std::getenv("VELTAR_EXTRACTA_PATHOVERRIDE"))
+    executable = AString(override);
+  VelDebug(2, L"*ExtractaViewGenerator: extractaname %s\n", executable.c_str());
+  return executable;
+}
+
+AString ExtractaViewGenerator::quotedPath(const LongFileName& file) {
+  return AString("\"") + file.FilePath() + AString("\"");
+}
+
+std::vector<AString> ExtractaViewGenerator::buildExtractaArguments(
+    const LongFileName& first, const LongFileName& second, bool generatorOption,
+    const std::vector<LongFileName>& files) {
+  std::vector<AString> list{AString("-k")};
+  if (generatorOption) list.emplace_back("-c");
+  list.emplace_back("-m");
+  list.push_back(quotedPath(first));
+  list.push_back(quotedPath(second));
+  for (const LongFileName& file : files) list.push_back(quotedPath(file));
+  return list;
+}
+
+VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& executable,
+                                                           const std::vector<AString>& arguments,
+                                                           const LongFileName& workingDir,
+                                                           VeltPipeHandle pipeWriteEnd) {
+  // No child starts after an interrupt: the handler has ended the others.
+  ThrowIfInterrupted();
+  std::vector<AString> argv{executable};
+  argv.insert(argv.end(), arguments.begin(), arguments.end());
+  AString commandLine = executable;
+  for (const AString& argument : arguments) commandLine = commandLine + AString(" ") + argument;
+  VelDebug(1, L"*StartChildProcess: %s \n", commandLine.c_str());
+
+  VeltProcessHandle handle = nullptr;
+  const int result = VeltCreateProcess(AString(), argv.data(), static_cast<int>(argv.size()),
+                                       handle, workingDir.FilePath(), nullptr, nullptr,
+                                       pipeWriteEnd, 0, false, true, true, 0);
+  if (result == 0) return handle;
+
+  VelDebug(1, L"*StartChildProcess: VelCreateProcess result = %d \n", result);
+  if (result == 2)
+    throw ExtractaParserException(
+        AString("CreateProcess failed with error 2: Could not find application ") + executable);
+  const AString systemText(VeltFormatSystemMessage(result));
+  AString message;
+  message.Format(L"CreateProcess failed with error %d: %s", result, systemText.c_str());
+  throw ExtractaParserException(message);
+}
+
+bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AString& processName,
+                                           VeltPipeHandle readEnd, AString& output) {
+  if (!handle) return false;
+  if (readEnd != kVeltNullPipeHandle) drainPipe(readEnd, output);
+  int code = 0;
+  if (VeltGetProcessExitCode(handle, code) == 0) {
+    AString message;
+    message.Format(
+        L"ExtractaViewGenerator ProcessRunning check failed, VeltGetProcessExitCode returned zero "
+        L"for %s process",
+        processName.c_str());
+    throw ExtractaParserException(message);
+  }
+  if (code == kVeltStillActive) return true;
+  if (code == 0) return false;
+
+  // A child the interrupt handler killed failed because of the interrupt.
+  ThrowIfInterrupted();
+  AString message;
+  message.Format(L"%s exited with non-zero exit code %d", processName.c_str(), code);
+  if (readEnd != kVeltNullPipeHandle) {
+    drainPipe(readEnd, output);
+    if (!output.empty()) message = message + AString(": ") + output;
+  }
+  throw ExtractaParserException(message);
+}
+
+void ExtractaViewGenerator::runAndWait(const AString& executable,
+                                       const std::vector<AString>& arguments,
+                                       const LongFileName& workingDir) {
+  CPipe pipe;
+  pipe.CreatePipe();
+  AString output;
+  VeltProcessHandle handle =
+      StartChildProcess(executable, arguments, workingDir, pipe.WriteHandle());
+  try {
+    while (ProcessRunning(handle, executable, pipe.ReadHandle(), output)) {
+      ThrowIfInterrupted();
+      SleepOnePoll();
+    }
+  } catch (...) {
+    // Whatever the child left running goes with the failure.
+    VeltTerminateProcessTree(handle);
+    VeltCloseProcessHandle(handle);
+    throw;
+  }
+  VeltCloseProcessHandle(handle);
+}
+
+void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
+                                        const LongFileName& controlFile, bool generatorOption,
+                                        const std::vector<ActiveView>& views,
+                                        const LongFileName& workingDir) {
+  std::vector<LongFileName> files;
+  for (const ActiveView& view : views) files.emplace_back(view.path);
+  runAndWait(extractaExecutableName(),
+             buildExtractaArguments(designFile, controlFile, generatorOption, files), workingDir);
+}
+
+void ExtractaViewGenerator::startOrQueue() {
+  if (runningGenerators.size() < maxConcurrentExtractas) {
+    RemoveAll(waitingGenerators, this);
+    processHandle =
+        StartChildProcess(extractaExecutableName(), arguments, workingDir, pipe.WriteHandle());
+    runningGenerators.push_back(this);
+  } else {
+    waitingGenerators.push_back(this);
+  }
+}
+
+bool ExtractaViewGenerator::checkFinished() {
+  const bool running =
+      ProcessRunning(processHandle, AString("extracta"), pipe.ReadHandle(), output);
+  if (!running && processHandle) {
+    VelDebug(1, L"Extracta %s%s finished \n", ViewTypeName(viewType).c_str(), name.c_str());
+    VeltCloseProcessHandle(processHandle);
+    processHandle = nullptr;
+    RemoveAll(runningGenerators, this);
+  }
+  return running;
+}
+
+void ExtractaViewGenerator::pollProcesses() {
+  // Reaping changes the queue; walk a copy.
+  const std::deque<ExtractaViewGenerator*> running = runningGenerators;
+  for (ExtractaViewGenerator* generator : running) generator->checkFinished();
+  while (!waitingGenerators.empty() && runningGenerators.size() < maxConcurrentExtractas)
+    waitingGenerators.front()->startOrQueue();
+}
+
+ActiveView ExtractaViewGenerator::waitForViewFile() {
+  for (;;) {
+    ThrowIfInterrupted();
+    if (!Contains(waitingGenerators, this) && !checkFinished()) break;
+    pollProcesses();
+    SleepOnePoll();
+  }
+  return ActiveView{viewType, outputFile.FilePath()};
+}
