@@ -1,0 +1,166 @@
+// Interrupts: the handler ends every child tree at once, and a wait that is
+// polling turns the interrupt into a failure, so the caller's cleanup runs.
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core/ExtractaParserException.h"
+#include "core/Interrupt.h"
+#include "core/Process.h"
+#include "process/ExtractaViewGenerator.h"
+#include "tests/process/ChildProcesses.h"
+#include "tests/support/TestSupport.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+template <typename Action>
+std::string FailureOf(Action&& action) {
+  try {
+    action();
+  } catch (const ExtractaParserException& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+// Sends a signal to this process from another thread once the children are
+// under way, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a
+// wait.
+class DelayedSignal {
+ public:
+  DelayedSignal(int signal, std::function<bool()> ready)
+      : thread_([this, signal, ready] {
+          veltest::PollUntil(ready, 30);
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+          sent_ = Clock::now();
+          kill(getpid(), signal);
+        }) {}
+  ~DelayedSignal() {
+    if (thread_.joinable()) thread_.join();
+  }
+  Clock::time_point sent() {
+    if (thread_.joinable()) thread_.join();
+    return sent_;
+  }
+
+ private:
+  Clock::time_point sent_;
+  std::thread thread_;
+};
+
+class InterruptTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    InstallInterruptHandlers();
+    ClearInterruptRequest();
+    work = temp / "work/";
+    ASSERT_EQ(mkdir(work.c_str(), 0755), 0);
+    design = temp / "design.mcm";
+    veltest::WriteFile(design, "design");
+  }
+  void TearDown() override {
+    ClearInterruptRequest();
+    ExtractaViewGenerator::maxConcurrentExtractas = savedLimit;
+  }
+
+  void ChildDoes(const std::string& actions) { setenv("VEL_TEST_CHILD", actions.c_str(), 1); }
+
+  std::unique_ptr<ExtractaViewGenerator> Make(ViewType type) {
+    return std::make_unique<ExtractaViewGenerator>(LongFileName(AString(design)),
+                                                   ExtractaViewDef(type, {}, false),
+                                                   LongFileName(AString(work)), true, AString());
+  }
+
+  veltest::TempDir temp;
+  std::string work;
+  std::string design;
+  veltest::ScopedEnv program{"VELTAR_EXTRACTA_PATHOVERRIDE", veltest::ChildProgram()};
+  veltest::ScopedEnv keepActions{"VEL_TEST_CHILD", std::nullopt};
+  uint32_t savedLimit = ExtractaViewGenerator::maxConcurrentExtractas;
+};
+
+TEST_F(InterruptTest, HandlerEndsEveryChildTreeAtOnce) {
+  const std::string grandchild = temp / "grandchild";
+  ChildDoes("grandchild=" + grandchild + ";sleep=60000");
+  CPipe pipe;
+  pipe.CreatePipe();
+  AString argv0(veltest::ChildProgram());
+  VeltProcessHandle handle = nullptr;
+  ASSERT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(work), nullptr, nullptr,
+                              pipe.WriteHandle(), 0, false, true, true, nullptr),
+            0);
+  const int group = VeltProcessId(handle);
+  ASSERT_TRUE(veltest::PollUntil([&] { return veltest::PathExists(grandchild); }, 30));
+
+  raise(SIGHUP);  // the handler has run when raise returns
+  EXPECT_TRUE(InterruptRequested());
+  EXPECT_EQ(InterruptSignal(), SIGHUP);
+  EXPECT_TRUE(veltest::PollUntil([&] { return veltest::LiveProcessesInGroup(group).empty(); }, 1.0))
+      << "the handler itself ends the children";
+  EXPECT_EQ(FailureOf([] { ThrowIfInterrupted(); }), "interrupted by signal 1");
+
+  VeltTerminateProcessTree(handle);
+  EXPECT_TRUE(veltest::ProcessesInGroup(group).empty());
+  int code = 0;
+  VeltGetProcessExitCode(handle, code);
+  EXPECT_EQ(code, 128 + SIGKILL);
+  VeltCloseProcessHandle(handle);
+
+  ClearInterruptRequest();
+  EXPECT_FALSE(InterruptRequested());
+  EXPECT_EQ(FailureOf([] { ThrowIfInterrupted(); }), "");
+}
+
+TEST_F(InterruptTest, WaitFailsAndNoChildOutlivesTheInterruptBySecond) {
+  ExtractaViewGenerator::maxConcurrentExtractas = 1;
+  std::vector<std::unique_ptr<ExtractaViewGenerator>> generators;
+  ChildDoes("grandchild=" + temp / "grandchild" + ";sleep=60000");
+  generators.push_back(Make(kLayer));
+  generators.push_back(Make(kNet));  // queued
+  const int group = VeltProcessId(generators[0]->childProcess());
+  DelayedSignal terminate(SIGTERM, [&] { return veltest::PathExists(temp / "grandchild"); });
+  EXPECT_EQ(FailureOf([&] { generators[1]->waitForViewFile(); }), "interrupted by signal 15");
+  EXPECT_TRUE(
+      veltest::PollUntil([&] { return veltest::LiveProcessesInGroup(group).empty(); }, 3.0));
+  EXPECT_LT(Clock::now() - terminate.sent(), std::chrono::seconds(1));
+  EXPECT_EQ(generators[1]->childProcess(), nullptr) << "the queued one never started";
+
+  // Nothing new starts once interrupted, with room in the pool or not.
+  ExtractaViewGenerator::maxConcurrentExtractas = 4;
+  const std::string records = temp / "records";
+  ChildDoes("record=" + records);
+  EXPECT_EQ(FailureOf([&] { Make(kComponent); }), "interrupted by signal 15");
+  generators.clear();
+  EXPECT_TRUE(veltest::ProcessesInGroup(group).empty());
+  EXPECT_FALSE(veltest::PathExists(records));
+  EXPECT_EQ(ExtractaViewGenerator::runningCount() + ExtractaViewGenerator::waitingCount(), 0u);
+}
+
+TEST_F(InterruptTest, RunExtractaFailsAndReapsItsChild) {
+  const std::string records = temp / "records";
+  ChildDoes("record=" + records + ";sleep=60000");
+  DelayedSignal interrupt(SIGINT, [&] { return veltest::PathExists(records); });
+  EXPECT_EQ(FailureOf([&] {
+              ExtractaViewGenerator::runExtracta(
+                  LongFileName(AString(design)), LongFileName(AString(work + "control.txt")), true,
+                  {{kLayer, AString(work + "layer.txt")}}, LongFileName(AString(work)));
+            }),
+            "interrupted by signal 2");
+  const std::vector<veltest::ChildRecord> started = veltest::ReadChildRecords(records);
+  ASSERT_EQ(started.size(), 1u);
+  EXPECT_FALSE(veltest::ProcessExists(started[0].pid));
+}
+
+}  // namespace
