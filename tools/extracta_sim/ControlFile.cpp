@@ -139,6 +139,10 @@ ViewRequest ReadBlock(const std::vector<Line>& lines, std::size_t& i) {
   const Line& keywordLine = lines[i++];
   request.keyword = std::string(Trim(keywordLine.text));
   request.line = keywordLine.number;
+  if (request.keyword.empty()) {
+    throw ControlFileError(
+        LineError(keywordLine.number, "blank line where a view keyword belongs"));
+  }
   if (request.keyword == "END") {
     throw ControlFileError(LineError(keywordLine.number, "END without a view block"));
   }

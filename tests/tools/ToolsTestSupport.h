@@ -1,0 +1,77 @@
+#pragma once
+// Helpers for the tools' tests: the views the program asks for, written as
+// control blocks the way the program writes them; plain readers for view
+// files and design snapshots; and running extracta-sim.
+//
+// These are written from the file formats, not from the tools' own code, so
+// a fault in a tool's reader or writer shows up as a disagreement here.
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tests/support/TestSupport.h"
+
+namespace veltest {
+
+// One filter condition, with the text the program writes for it.
+struct Cond {
+  std::string field;
+  bool equal = true;
+  std::string value;
+  std::string text;
+};
+Cond Quoted(const std::string& field, const std::string& op, const std::string& value);
+Cond Bare(const std::string& field, const std::string& op, const std::string& value);
+Cond NetCond(const std::string& op, const std::string& net);  // "NET_NAME ='GND'"
+
+struct ViewSpec {
+  std::string name;  // file name stem, e.g. "conn"
+  std::string keyword;
+  std::vector<Cond> conditions;    // all must hold
+  std::vector<Cond> alternatives;  // one must hold (with all conditions)
+  std::vector<std::string> fields;
+};
+
+// The default and the cell view sets, as the program defines them.
+std::vector<ViewSpec> StandardViewSpecs();
+std::vector<ViewSpec> CellViewSpecs();
+
+// The control block for a view, exactly as the program writes it, with LF
+// line ends (CrLf() turns them into CR LF).
+std::string ControlBlock(const ViewSpec& view);
+std::string CrLf(const std::string& text);
+
+// Whether a record (field name -> text) passes the view's filter.
+bool Passes(const ViewSpec& view, const std::map<std::string, std::string>& record);
+
+struct ViewFile {
+  std::vector<std::string> header;
+  std::vector<std::string> job;
+  std::vector<std::vector<std::string>> records;
+};
+// Reads a view file strictly: CR LF lines, "A!" then "J!" then "S!" lines,
+// each field followed by "!". Throws std::runtime_error on anything else.
+ViewFile ParseViewFile(const std::string& bytes);
+
+struct DesignTableData {
+  std::vector<std::string> header;
+  std::vector<std::map<std::string, std::string>> records;
+};
+struct DesignData {
+  std::vector<std::string> job;
+  std::map<std::string, DesignTableData> tables;
+};
+DesignData ParseDesign(const std::string& bytes);
+
+// Runs extracta-sim -k -c -m with quoted paths.
+RunResult RunSim(const std::string& design, const std::string& control,
+                 const std::vector<std::string>& outputs,
+                 const std::map<std::string, std::optional<std::string>>& env = {});
+
+// Runs make-design; fails the test when it does not exit 0.
+void MakeDesign(const std::string& path, std::uint64_t seed, std::uint64_t connRecords,
+                const std::vector<std::string>& extra = {});
+
+}  // namespace veltest
