@@ -177,6 +177,19 @@ TEST_F(ExtractaSim, AcceptsPathsWithoutQuotesAndReportsDamagedDesigns) {
   result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_NE(result.out.find("must have 4 fields"), std::string::npos) << result.out;
+  // A table line may give the byte count of its records; a count that does
+  // not end at the next table line is refused.
+  const std::string withLength = std::string(kJob) + "T!NET!9!\r\nA!NET_NAME!NET_BUS_NAME!\r\n" +
+                                 (kDesignTables + std::string(kDesignTables).find("S!GND!!"));
+  WriteFile(design, withLength);
+  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
+  EXPECT_EQ(result.exitCode, 0) << result.out;
+  WriteFile(design, std::string(kJob) + "T!NET!8!\r\nA!NET_NAME!NET_BUS_NAME!\r\n" +
+                        (kDesignTables + std::string(kDesignTables).find("S!GND!!")));
+  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_NE(result.out.find("does not hold the 8 bytes"), std::string::npos) << result.out;
+
   WriteFile(design, "T!NET!\r\n");
   result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
   EXPECT_EQ(result.exitCode, 1);

@@ -59,6 +59,16 @@ class FileWriter {
     buffer_.clear();
   }
 
+  // Overwrites bytes already written at `offset` (a length field that is
+  // known only once what it measures has been written).
+  void patch(std::uint64_t offset, std::string_view bytes) {
+    flush();
+    if (::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset)) !=
+        static_cast<ssize_t>(bytes.size())) {
+      fail("cannot write");
+    }
+  }
+
   // Flushes and closes; throws when either fails (a full disk shows here).
   void close() {
     flush();

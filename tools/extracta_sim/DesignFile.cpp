@@ -142,11 +142,27 @@ bool Design::readNextTable() {
   }
   table.fields = SplitRecordFields(header.content.substr(2), headerOffset);
 
-  // The records run to the next table line; the search skips a table's
-  // records without looking at them line by line.
+  // The records run to the next table line. The table line may say how
+  // many bytes they take; otherwise a search finds the next table line
+  // without looking at the records line by line.
   const std::size_t begin = header.next;
   std::size_t end = bytes_.size();
-  if (bytes_.substr(begin, 2) == "T!") {
+  if (title.size() > 1) {
+    const std::string_view digits = title[1];
+    std::size_t length = 0;
+    bool valid = !digits.empty() && digits.size() <= 18;
+    for (const char c : digits) {
+      valid = valid && c >= '0' && c <= '9';
+      length = length * 10 + static_cast<std::size_t>(c - '0');
+    }
+    if (!valid || length > bytes_.size() - begin ||
+        (begin + length < bytes_.size() && bytes_.substr(begin + length, 2) != "T!")) {
+      throw DesignError("malformed design file" + At(cursor_) + ": table " + table.keyword +
+                        " does not hold the " + std::string(digits) +
+                        " bytes its table line gives");
+    }
+    end = begin + length;
+  } else if (bytes_.substr(begin, 2) == "T!") {
     end = begin;
   } else if (begin < bytes_.size()) {
     const void* found = ::memmem(bytes_.data() + begin, bytes_.size() - begin, "\nT!", 3);

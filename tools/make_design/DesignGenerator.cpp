@@ -234,7 +234,8 @@ class Generator {
   std::int64_t coord() { return rng_.between(-extent_, extent_); }
   const std::string& layerName(int conductorIndex) const;
   const std::string& randomConductor() { return conductors_[rng_.below(conductors_.size())]; }
-  void endTable(const TableWriter& t) {
+  void endTable(TableWriter& t) {
+    t.finish();
     summary_.tableRecords.emplace_back(std::string(t.keyword()), t.records());
   }
 

@@ -14,17 +14,17 @@ namespace make_design {
 #define MAKE_DESIGN_FIELDS(X)                                                                      \
   X(BACKDRILL_BOTTOM_LAYER)                                                                        \
   X(BACKDRILL_SIZE)                                                                                \
-  X(BACKDRILL_TOP_LAYER) X(BOND_PAD) X(CLASS) X(COMP_CLASS) X(COMP_DEVICE_TYPE) X(COMP_PACKAGE) X( \
-      COMP_PART_NUMBER) X(COMP_PIN_COUNT) X(COMP_TOL) X(COMP_VALUE) X(DIE_ATTACH_METHOD)           \
-      X(DIE_ORDER) X(DIE_ORIENTATION) X(DIE_STACK_NAME) X(DIE_STACK_X) X(DIE_STACK_Y) X(           \
-          DIE_THICKNESS) X(DRILL_ARRAY_COLUMNS) X(DRILL_ARRAY_LOCATIONS) X(DRILL_ARRAY_ROWS)       \
-          X(DRILL_FIGURE_HEIGHT) X(DRILL_FIGURE_ROTATION) X(DRILL_FIGURE_SHAPE) X(                 \
-              DRILL_FIGURE_WIDTH) X(DRILL_HOLE_NAME) X(DRILL_HOLE_X) X(DRILL_HOLE_Y)               \
-              X(END_LAYER_NAME) X(FUNC_DES) X(GRAPHIC_DATA_1) X(GRAPHIC_DATA_2) X(                 \
-                  GRAPHIC_DATA_3) X(GRAPHIC_DATA_4) X(GRAPHIC_DATA_5) X(GRAPHIC_DATA_6)            \
-                  X(GRAPHIC_DATA_7) X(GRAPHIC_DATA_8) X(GRAPHIC_DATA_9) X(GRAPHIC_DATA_10) X(      \
-                      GRAPHIC_DATA_NAME) X(GRAPHIC_DATA_NUMBER) X(LAYER_ARTWORK)                   \
-                      X(LAYER_CONDUCTOR) X(LAYER_DIELECTRIC_CONSTANT) X(                           \
+  X(BACKDRILL_TOP_LAYER)                                                                           \
+  X(BOND_PAD) X(CLASS) X(COMP_CLASS) X(COMP_DEVICE_TYPE) X(COMP_PACKAGE) X(COMP_PART_NUMBER) X(    \
+      COMP_PIN_COUNT) X(COMP_TOL) X(COMP_VALUE) X(DIE_ATTACH_METHOD) X(DIE_ORDER)                  \
+      X(DIE_ORIENTATION) X(DIE_STACK_NAME) X(DIE_STACK_X) X(DIE_STACK_Y) X(DIE_THICKNESS) X(       \
+          DRILL_ARRAY_COLUMNS) X(DRILL_ARRAY_LOCATIONS) X(DRILL_ARRAY_ROWS) X(DRILL_FIGURE_HEIGHT) \
+          X(DRILL_FIGURE_ROTATION) X(DRILL_FIGURE_SHAPE) X(DRILL_FIGURE_WIDTH) X(DRILL_HOLE_NAME)  \
+              X(DRILL_HOLE_X) X(DRILL_HOLE_Y) X(END_LAYER_NAME) X(FUNC_DES) X(GRAPHIC_DATA_1) X(   \
+                  GRAPHIC_DATA_2) X(GRAPHIC_DATA_3) X(GRAPHIC_DATA_4) X(GRAPHIC_DATA_5)            \
+                  X(GRAPHIC_DATA_6) X(GRAPHIC_DATA_7) X(GRAPHIC_DATA_8) X(GRAPHIC_DATA_9) X(       \
+                      GRAPHIC_DATA_10) X(GRAPHIC_DATA_NAME) X(GRAPHIC_DATA_NUMBER)                 \
+                      X(LAYER_ARTWORK) X(LAYER_CONDUCTOR) X(LAYER_DIELECTRIC_CONSTANT) X(          \
                           LAYER_ELECTRICAL_CONDUCTIVITY) X(LAYER_LOSS_TANGENT) X(LAYER_MATERIAL)   \
                           X(LAYER_NAME) X(LAYER_SHIELD_LAYER) X(LAYER_SORT) X(LAYER_SUBCLASS) X(   \
                               LAYER_THERMAL_CONDUCTIVITY) X(LAYER_THICKNESS) X(LAYER_TYPE)         \

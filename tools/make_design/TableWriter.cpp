@@ -18,11 +18,16 @@ char* FormatUnsigned(std::uint64_t value, char* end) {
 
 }  // namespace
 
+constexpr std::size_t kLengthDigits = 16;
+
 TableWriter::TableWriter(const TableLayout& layout, veltools::FileWriter& out)
     : layout_(layout), out_(out) {
   std::string& buffer = out_.buffer();
   buffer += "T!";
   buffer += layout_.keyword;
+  buffer += '!';
+  lengthOffset_ = out_.bytesWritten();
+  buffer.append(kLengthDigits, '0');
   buffer += "!\r\nA!";
   for (const Field field : layout_.fields) {
     known_.set(static_cast<std::size_t>(field));
@@ -30,7 +35,18 @@ TableWriter::TableWriter(const TableLayout& layout, veltools::FileWriter& out)
     buffer += '!';
   }
   buffer += "\r\n";
+  recordsOffset_ = out_.bytesWritten();
   out_.flushIfFull();
+}
+
+void TableWriter::finish() {
+  char digits[kLengthDigits];
+  std::uint64_t length = out_.bytesWritten() - recordsOffset_;
+  for (std::size_t i = kLengthDigits; i > 0; --i) {
+    digits[i - 1] = static_cast<char>('0' + length % 10);
+    length /= 10;
+  }
+  out_.patch(lengthOffset_, std::string_view(digits, kLengthDigits));
 }
 
 char* TableWriter::reserve(std::size_t size) {

@@ -1,6 +1,7 @@
 #pragma once
-// Writes the lines of one snapshot table: its "T!" and "A!" lines, then one
-// "S!" line per record. A record is filled field by field in any order and
+// Writes the lines of one snapshot table: its "T!" line (keyword and the byte
+// count of its records, so readers can step over the table), its "A!" line,
+// then one "S!" line per record. A record is filled field by field in any order and
 // written in the table's column order; fields left unset are empty.
 
 #include <array>
@@ -36,6 +37,10 @@ class TableWriter {
   // Writes the record and starts an empty one.
   void next();
 
+  // Fills in the table line's byte count of the records; call once, after
+  // the last record.
+  void finish();
+
   std::string_view keyword() const { return layout_.keyword; }
   std::uint64_t records() const { return records_; }
 
@@ -60,6 +65,8 @@ class TableWriter {
   std::array<char, 4096> arena_{};
   std::size_t used_ = 0;
   std::uint64_t records_ = 0;
+  std::uint64_t lengthOffset_ = 0;   // where the table line's byte count goes
+  std::uint64_t recordsOffset_ = 0;  // where the records begin
 };
 
 }  // namespace make_design
