@@ -86,7 +86,11 @@ std::uint64_t NowNs() {
 // Every run appends one line, so the program's benchmarks can see how many
 // extractions overlapped and how long each took.
 void AppendLog(const FaultPlan& plan, std::uint64_t startNs, const std::string& control) {
-  if (plan.logFile.empty()) return;
+  // Once per run: a signal whose default is to be ignored leaves the run
+  // going after the line written just before raising it.
+  static bool logged = false;
+  if (plan.logFile.empty() || logged) return;
+  logged = true;
   const std::string line = std::to_string(startNs) + " " + std::to_string(NowNs()) + " " +
                            std::to_string(::getpid()) + " " + BaseName(control) + "\n";
   std::FILE* log = std::fopen(plan.logFile.c_str(), "a");
