@@ -78,6 +78,15 @@ bool VeltCloseProcessHandle(VeltProcessHandle handle);
 // The child's process id; 0 for a null handle.
 int VeltProcessId(VeltProcessHandle handle);
 
+// Sleeps until one of the children ends, one of the pipes has data waiting,
+// an interrupt arrives (core/Interrupt.h) or the time runs out; returns at
+// once when one of these is the case already. A polling loop calls it between
+// passes to sleep through quiet stretches instead of waking every
+// millisecond. Null handles and children already reaped are left out. Where a
+// child's end cannot be watched, the wait lasts at most 1 millisecond.
+void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
+                              const std::vector<VeltPipeHandle>& pipes, int timeoutMilliseconds);
+
 // The system's text for an error code, at most 78 characters (what a buffer
 // of 79 holds with its terminator), without a trailing line end.
 std::string VeltFormatSystemMessage(int errorCode);

@@ -20,9 +20,19 @@ uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
 
 namespace {
 
-// Between two passes over the children; short enough that a child printing
-// a lot never waits long on a full pipe.
-void SleepOnePoll() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+// Between two passes over the children: the 1 millisecond poll interval, then
+// on while nothing happens, until a child ends, has printed something or an
+// interrupt arrives. Waking every millisecond through a long extraction would
+// cost a few percent of a core for nothing; a child that prints a lot still
+// gets its pipe drained every millisecond. The cap only bounds how late
+// anything the watch could miss is noticed.
+constexpr int kQuietPassMilliseconds = 100;
+
+void SleepBetweenPasses(const std::vector<VeltProcessHandle>& children,
+                        const std::vector<VeltPipeHandle>& pipes) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  VeltWaitForChildActivity(children, pipes, kQuietPassMilliseconds);
+}
 
 void RemoveAll(std::deque<ExtractaViewGenerator*>& queue, ExtractaViewGenerator* generator) {
   queue.erase(std::remove(queue.begin(), queue.end(), generator), queue.end());
@@ -197,7 +207,7 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
   try {
     while (ProcessRunning(handle, executable, pipe.ReadHandle(), output)) {
       ThrowIfInterrupted();
-      SleepOnePoll();
+      SleepBetweenPasses({handle}, {pipe.ReadHandle()});
     }
   } catch (...) {
     // Whatever the child left running goes with the failure.
@@ -254,7 +264,13 @@ ActiveView ExtractaViewGenerator::waitForViewFile() {
     ThrowIfInterrupted();
     if (!Contains(waitingGenerators, this) && !checkFinished()) break;
     pollProcesses();
-    SleepOnePoll();
+    std::vector<VeltProcessHandle> children;
+    std::vector<VeltPipeHandle> pipes;
+    for (const ExtractaViewGenerator* generator : runningGenerators) {
+      children.push_back(generator->processHandle);
+      pipes.push_back(generator->pipe.ReadHandle());
+    }
+    SleepBetweenPasses(children, pipes);
   }
   return ActiveView{viewType, outputFile.FilePath()};
 }

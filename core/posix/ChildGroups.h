@@ -1,7 +1,9 @@
 #pragma once
-// The table of live child process groups that an interrupt ends. Written by
-// process creation and reaping, read by the signal handler, which may run at
-// any moment: a fixed number of lock-free slots, no allocation.
+// What process creation and the interrupt handler share: the table of live
+// child process groups that an interrupt ends (written by process creation
+// and reaping, read by the signal handler, which may run at any moment: a
+// fixed number of lock-free slots, no allocation), and the interrupt's wake-up
+// descriptor.
 
 #include <sys/types.h>
 
@@ -17,5 +19,10 @@ void ReleaseChildGroup(int slot, pid_t group);
 
 // Sends the signal to every registered group. Async-signal-safe.
 void SignalChildGroups(int signal);
+
+// A descriptor that becomes readable when an interrupt arrives, so that a
+// wait sleeping in poll() wakes whichever thread the signal went to; -1
+// until the interrupt handlers are installed.
+int InterruptWakeHandle();
 
 }  // namespace velt_posix

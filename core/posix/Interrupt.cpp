@@ -1,6 +1,8 @@
 #include "core/Interrupt.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -56,17 +58,36 @@ void SignalChildGroups(int signal) {
   }
 }
 
+namespace {
+std::atomic<int> wakeEnds[2] = {-1, -1};
+}  // namespace
+
+int InterruptWakeHandle() { return wakeEnds[0].load(); }
+
 }  // namespace velt_posix
 
 namespace {
 
 std::atomic<int> pendingSignal{0};
 
+void DrainWakeUps() {
+  const int wake = velt_posix::InterruptWakeHandle();
+  char bytes[64];
+  while (wake >= 0 && read(wake, bytes, sizeof bytes) > 0) {
+  }
+}
+
 static_assert(std::atomic<int>::is_always_lock_free, "the signal handler writes it");
 
 void OnInterrupt(int signal) {
   const int savedErrno = errno;
   velt_posix::SignalChildGroups(SIGKILL);
+  const int wake = velt_posix::wakeEnds[1].load();
+  if (wake >= 0) {
+    const char byte = 1;
+    ssize_t ignored = write(wake, &byte, 1);  // a full pipe wakes the waits just as well
+    (void)ignored;
+  }
   int none = 0;
   if (!pendingSignal.compare_exchange_strong(none, signal)) {
     // The first interrupt was not acted on yet and the user insists: die by
@@ -83,6 +104,13 @@ void OnInterrupt(int signal) {
 }  // namespace
 
 void InstallInterruptHandlers() {
+  if (velt_posix::wakeEnds[0].load() < 0) {
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) == 0) {
+      velt_posix::wakeEnds[1].store(ends[1]);
+      velt_posix::wakeEnds[0].store(ends[0]);
+    }
+  }
   struct sigaction action = {};
   action.sa_handler = OnInterrupt;
   sigemptyset(&action.sa_mask);
@@ -105,4 +133,7 @@ void ThrowIfInterrupted() {
   if (signal != 0) throw ExtractaParserException(InterruptMessage(signal));
 }
 
-void ClearInterruptRequest() { pendingSignal.store(0); }
+void ClearInterruptRequest() {
+  pendingSignal.store(0);
+  DrainWakeUps();
+}

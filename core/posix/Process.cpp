@@ -1,6 +1,7 @@
 #include "core/Process.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
@@ -8,8 +9,10 @@
 #include <unistd.h>
 #ifdef __linux__
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #endif
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -25,8 +28,15 @@ struct ChildProcess {
   pid_t group = 0;     // 0: the child stayed in the caller's group
   int groupSlot = -1;  // its entry in the interrupt table; -1: none
   bool groupMayLive = false;
+  int endWatch = -1;  // readable once the child has ended; -1: none
   bool ended = false;
   int exitCode = kVeltStillActive;
+
+  ~ChildProcess() { CloseEndWatch(); }
+  void CloseEndWatch() {
+    if (endWatch >= 0) close(endWatch);
+    endWatch = -1;
+  }
 };
 
 ChildProcess* Child(VeltProcessHandle handle) { return static_cast<ChildProcess*>(handle); }
@@ -50,6 +60,7 @@ void ForgetGroup(ChildProcess& child) {
 // that is not empty yet stays registered, so an interrupt still ends it.
 void RecordEnd(ChildProcess& child, int status) {
   child.ended = true;
+  child.CloseEndWatch();
   child.exitCode = ExitCodeOf(status);
   if (!child.groupMayLive) return;
   while (waitpid(-child.group, nullptr, WNOHANG) > 0) {
@@ -64,6 +75,19 @@ void BecomeOrphanReaper() {
 #ifdef __linux__
   static const bool done = prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
   (void)done;
+#endif
+}
+
+// A descriptor that becomes readable when the child ends; -1 where the
+// system offers none.
+int WatchEnd(pid_t pid) {
+#ifdef __linux__
+  // Through syscall(): this glibc's pidfd_open declaration lacks C linkage.
+  // The descriptor is close-on-exec by nature.
+  return static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+#else
+  (void)pid;
+  return -1;
 #endif
 }
 
@@ -227,6 +251,7 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
   if (error == 0) {
     child = new ChildProcess;
     child->pid = pid;
+    child->endWatch = WatchEnd(pid);
     if (newProcessGroup) {
       child->group = pid;
       child->groupMayLive = true;
@@ -280,6 +305,7 @@ int VeltTerminateProcessTree(VeltProcessHandle handle) {
       RecordEnd(*child, status);
     } else {
       child->ended = true;  // reaped behind our back; its code is unknown
+      child->CloseEndWatch();
     }
   }
   if (child->groupMayLive) {
@@ -307,6 +333,25 @@ bool VeltCloseProcessHandle(VeltProcessHandle handle) {
 int VeltProcessId(VeltProcessHandle handle) {
   const ChildProcess* child = Child(handle);
   return child ? child->pid : 0;
+}
+
+void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
+                              const std::vector<VeltPipeHandle>& pipes, int timeoutMilliseconds) {
+  std::vector<pollfd> watched;
+  for (VeltProcessHandle handle : children) {
+    const ChildProcess* child = Child(handle);
+    if (!child || child->ended) continue;
+    if (child->endWatch < 0)
+      timeoutMilliseconds = std::min(timeoutMilliseconds, 1);
+    else
+      watched.push_back({child->endWatch, POLLIN, 0});
+  }
+  for (VeltPipeHandle pipe : pipes)
+    if (pipe != kVeltNullPipeHandle) watched.push_back({pipe, POLLIN, 0});
+  const int interrupt = velt_posix::InterruptWakeHandle();
+  if (interrupt >= 0) watched.push_back({interrupt, POLLIN, 0});
+  // A signal ends the wait early (EINTR) as well; the caller looks again.
+  poll(watched.data(), watched.size(), timeoutMilliseconds);
 }
 
 std::string VeltFormatSystemMessage(int errorCode) {
