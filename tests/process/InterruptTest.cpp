@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -121,6 +122,31 @@ TEST_F(InterruptTest, HandlerEndsEveryChildTreeAtOnce) {
   ClearInterruptRequest();
   EXPECT_FALSE(InterruptRequested());
   EXPECT_EQ(FailureOf([] { ThrowIfInterrupted(); }), "");
+}
+
+TEST_F(InterruptTest, WakesAWaitSleepingOnAQuietPipe) {
+  CPipe pipe;
+  pipe.CreatePipe();
+  // The signal lands on the sending thread (this one blocks it), so nothing
+  // interrupts the waiting thread's poll and no child ends: only the
+  // handler's wake-up can end the wait.
+  std::atomic<bool> blocked{false};
+  DelayedSignal interrupt(SIGTERM, [&] { return blocked.load(); });
+  sigset_t terminate, previous;
+  sigemptyset(&terminate);
+  sigaddset(&terminate, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &terminate, &previous);
+  blocked = true;
+  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 60000);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  EXPECT_LT(Clock::now() - interrupt.sent(), std::chrono::seconds(30));
+  EXPECT_TRUE(InterruptRequested());
+
+  // Once the request is cleared, waits sleep again.
+  ClearInterruptRequest();
+  const auto start = Clock::now();
+  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 50);
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50));
 }
 
 TEST_F(InterruptTest, WaitFailsAndNoChildOutlivesTheInterruptBySecond) {

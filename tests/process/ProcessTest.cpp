@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -238,6 +239,42 @@ TEST(ChildProcess, TerminatingATreeEndsAndReapsGrandchildren) {
   EXPECT_EQ(veltest::LiveProcessesInGroup(secondGroup).size(), 1u);
   VeltTerminateProcessTree(handle);
   EXPECT_TRUE(veltest::ProcessesInGroup(secondGroup).empty());
+  VeltCloseProcessHandle(handle);
+}
+
+TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsOrPrints) {
+  using Clock = std::chrono::steady_clock;
+  veltest::TempDir temp;
+  CPipe pipe;
+  pipe.CreatePipe();
+  VeltProcessHandle handle = nullptr;
+  {
+    veltest::ScopedEnv actions("VEL_TEST_CHILD", "sleep=200");
+    ASSERT_EQ(Start(veltest::ChildProgram(), {}, handle, temp.path(), pipe), 0);
+  }
+  // Bounds far beyond the child's life, only so a broken wake-up fails
+  // instead of hanging: the wait ends because the child did.
+  auto start = Clock::now();
+  VeltWaitForChildActivity({handle}, {pipe.ReadHandle()}, 60000);
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
+  int code = kVeltStillActive;
+  ASSERT_NE(VeltGetProcessExitCode(handle, code), 0);
+  EXPECT_EQ(code, 0);
+
+  // A reaped child is left out; output waiting in a pipe ends the wait.
+  {
+    veltest::ScopedEnv actions("VEL_TEST_CHILD", "sleep=300;say=done;sleep=60000");
+    VeltProcessHandle printing = nullptr;
+    ASSERT_EQ(Start(veltest::ChildProgram(), {}, printing, temp.path(), pipe), 0);
+    start = Clock::now();
+    VeltWaitForChildActivity({handle, printing}, {pipe.ReadHandle()}, 60000);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
+    AString output;
+    drainPipe(pipe.ReadHandle(), output);
+    EXPECT_EQ(VEL_ANSI(output), "done");
+    VeltTerminateProcessTree(printing);
+    VeltCloseProcessHandle(printing);
+  }
   VeltCloseProcessHandle(handle);
 }
 
