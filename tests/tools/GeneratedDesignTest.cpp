@@ -215,3 +215,39 @@ TEST(GeneratedDesign, ConnectivityPiecesAddUpToTheWholeView) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(GeneratedDesign, OptionsShapeTheDesign) {
+  veltest::TempDir dir;
+  veltest::MakeDesign(dir / "small.mcm", 4, 800,
+                      {"--nets", "500", "--layers", "2", "--geo-records", "0", "--name", "top.mcm",
+                       "--title", "TOP PKG"});
+  const DesignData design = veltest::ParseDesign(ReadFile(dir / "small.mcm"));
+  EXPECT_EQ(design.job[0], "top.mcm");
+  EXPECT_EQ(design.job[8], "TOP PKG");
+  EXPECT_EQ(design.job[10], "2");
+  EXPECT_EQ(design.tables.at("NET").records.size(), 500u);
+  EXPECT_TRUE(design.tables.at("FULL_GEOMETRY").records.empty());
+  EXPECT_EQ(Values(design, "LAYER", "LAYER_CONDUCTOR").size(), 2u);
+  std::size_t conductors = 0;
+  for (const auto& layer : design.tables.at("LAYER").records) {
+    conductors += layer.at("LAYER_CONDUCTOR") == "YES";
+  }
+  EXPECT_EQ(conductors, 2u);
+
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--nets", "3"},
+                                              {"--layers", "1"},
+                                              {"--seed", "x"},
+                                              {"--bogus", "1"},
+                                              {"--name", "a!b"}}) {
+    std::vector<std::string> argv = {veltest::BinPath("make-design"), "-o", dir / "bad.mcm"};
+    argv.insert(argv.end(), bad.begin(), bad.end());
+    const auto result = veltest::RunProgram(argv);
+    EXPECT_EQ(result.exitCode, 2) << bad[0];
+    EXPECT_NE(result.err.find("usage: make-design"), std::string::npos);
+  }
+  EXPECT_FALSE(veltest::PathExists(dir / "bad.mcm"));
+}
+
+}  // namespace

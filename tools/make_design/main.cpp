@@ -4,6 +4,8 @@
 //   make-design --seed S --conn-records N -o FILE [--nets N] [--geo-records N]
 //               [--layers N] [--name NAME] [--title TITLE] [--quiet]
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -82,7 +84,14 @@ int main(int argc, char** argv) {
 
     const auto start = std::chrono::steady_clock::now();
     veltools::FileWriter out(output);
-    const make_design::DesignSummary summary = make_design::WriteDesign(options, out);
+    make_design::DesignSummary summary;
+    try {
+      summary = make_design::WriteDesign(options, out);
+    } catch (...) {
+      // No half-written design is left behind to be mistaken for a whole one.
+      ::unlink(output.c_str());
+      throw;
+    }
     const std::uint64_t bytes = out.bytesWritten();
     out.close();
     const double seconds =
