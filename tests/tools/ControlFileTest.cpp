@@ -19,29 +19,29 @@ using veltest::CrLf;
 
 std::string AllStandardBlocks() {
   std::string text;
-  for (const veltest::ViewSpec& view : veltest::StandardViewSpecs()) text += ControlBlock(view);
+  for (const veltest::ViewDefinition& view : veltest::StandardViews()) text += ControlBlock(view);
   return text;
 }
 
 TEST(ControlFile, ReadsEveryStandardViewBlockAsWritten) {
-  const std::vector<veltest::ViewSpec> specs = veltest::StandardViewSpecs();
+  const std::vector<veltest::ViewDefinition> views = veltest::StandardViews();
   for (const std::string& text : {CrLf(AllStandardBlocks()), AllStandardBlocks()}) {
     const std::vector<ViewRequest> requests = ParseControlFile(text);
-    ASSERT_EQ(requests.size(), specs.size());
-    for (std::size_t i = 0; i < specs.size(); ++i) {
-      SCOPED_TRACE(specs[i].name);
-      EXPECT_EQ(requests[i].keyword, specs[i].keyword);
-      EXPECT_EQ(requests[i].fields, specs[i].fields);
+    ASSERT_EQ(requests.size(), views.size());
+    for (std::size_t i = 0; i < views.size(); ++i) {
+      SCOPED_TRACE(views[i].name);
+      EXPECT_EQ(requests[i].keyword, views[i].keyword);
+      EXPECT_EQ(requests[i].fields, views[i].fields);
       // Each alternative carries all the view's conditions after its own.
-      const std::size_t expectedAlternatives = specs[i].alternatives.empty()
-                                                   ? (specs[i].conditions.empty() ? 0 : 1)
-                                                   : specs[i].alternatives.size();
+      const std::size_t expectedAlternatives = views[i].alternatives.empty()
+                                                   ? (views[i].conditions.empty() ? 0 : 1)
+                                                   : views[i].alternatives.size();
       ASSERT_EQ(requests[i].alternatives.size(), expectedAlternatives);
       for (std::size_t a = 0; a < requests[i].alternatives.size(); ++a) {
         const auto& got = requests[i].alternatives[a];
         std::vector<veltest::Cond> want;
-        if (!specs[i].alternatives.empty()) want.push_back(specs[i].alternatives[a]);
-        want.insert(want.end(), specs[i].conditions.begin(), specs[i].conditions.end());
+        if (!views[i].alternatives.empty()) want.push_back(views[i].alternatives[a]);
+        want.insert(want.end(), views[i].conditions.begin(), views[i].conditions.end());
         ASSERT_EQ(got.size(), want.size());
         for (std::size_t c = 0; c < want.size(); ++c) {
           EXPECT_EQ(got[c].field, want[c].field);

@@ -13,7 +13,7 @@ namespace {
 
 using veltest::DesignData;
 using veltest::ReadFile;
-using veltest::ViewSpec;
+using veltest::ViewDefinition;
 
 std::vector<std::pair<std::uint64_t, std::string>> RankNets(const DesignData& design) {
   std::map<std::string, std::uint64_t> counts;
@@ -35,11 +35,11 @@ std::set<std::string> Values(const DesignData& design, const std::string& table,
 
 // Extracts the views in one run and checks each output against the records
 // the design holds: header, job record, and every record, in order.
-void CheckViews(const std::vector<ViewSpec>& views, const std::string& designPath,
+void CheckViews(const std::vector<ViewDefinition>& views, const std::string& designPath,
                 const DesignData& design, const veltest::TempDir& dir, const std::string& tag) {
   std::string control;
   std::vector<std::string> outputs;
-  for (const ViewSpec& view : views) {
+  for (const ViewDefinition& view : views) {
     control += veltest::ControlBlock(view);
     outputs.push_back(dir / (view.name + tag + ".txt"));
   }
@@ -47,7 +47,7 @@ void CheckViews(const std::vector<ViewSpec>& views, const std::string& designPat
   const auto result = veltest::RunSim(designPath, dir / ("control" + tag + ".txt"), outputs);
   ASSERT_EQ(result.exitCode, 0) << result.out;
   for (std::size_t i = 0; i < views.size(); ++i) {
-    const ViewSpec& view = views[i];
+    const ViewDefinition& view = views[i];
     SCOPED_TRACE(view.name);
     const veltest::DesignTableData& table = design.tables.at(view.keyword);
     const veltest::ViewFile file = veltest::ParseViewFile(ReadFile(outputs[i]));
@@ -94,8 +94,8 @@ TEST(GeneratedDesign, HoldsWhatTheViewsAndTheConnectivitySplitNeed) {
   EXPECT_EQ(design.tables.at("CONNECTIVITY").records.size(), 6000u);
 
   // Every field any view asks for or filters on is in that view's table.
-  for (const auto& views : {veltest::StandardViewSpecs(), veltest::CellViewSpecs()}) {
-    for (const ViewSpec& view : views) {
+  for (const auto& views : {veltest::StandardViews(), veltest::CellViews()}) {
+    for (const ViewDefinition& view : views) {
       const auto& header = design.tables.at(view.keyword).header;
       std::vector<std::string> used = view.fields;
       for (const auto& c : view.conditions) used.push_back(c.field);
@@ -159,8 +159,8 @@ TEST(GeneratedDesign, EveryViewOfBothSetsReadsBack) {
       EXPECT_TRUE(design.tables.at("CONNECTIVITY").records.empty());
       continue;
     }
-    CheckViews(veltest::StandardViewSpecs(), dir / "pkg.mcm", design, dir, "");
-    CheckViews(veltest::CellViewSpecs(), dir / "pkg.mcm", design, dir, "-cell");
+    CheckViews(veltest::StandardViews(), dir / "pkg.mcm", design, dir, "");
+    CheckViews(veltest::CellViews(), dir / "pkg.mcm", design, dir, "-cell");
   }
 }
 
@@ -171,16 +171,16 @@ TEST(GeneratedDesign, ConnectivityPiecesAddUpToTheWholeView) {
   veltest::TempDir dir;
   veltest::MakeDesign(dir / "pkg.mcm", 9, 5000);
   const DesignData design = veltest::ParseDesign(ReadFile(dir / "pkg.mcm"));
-  const ViewSpec conn = veltest::StandardViewSpecs()[3];
+  const ViewDefinition conn = veltest::StandardViews()[3];
   ASSERT_EQ(conn.name, "conn");
   const auto ranked = RankNets(design);
 
-  std::vector<ViewSpec> pieces;
-  ViewSpec remainder = conn;
+  std::vector<ViewDefinition> pieces;
+  ViewDefinition remainder = conn;
   for (int i = 0; i < 4; ++i) {
     for (const std::vector<std::string>& group :
          {std::vector<std::string>{"CONDUCTOR", "ETCH"}, {"PIN"}, {"VIA CLASS"}}) {
-      ViewSpec piece = conn;
+      ViewDefinition piece = conn;
       piece.name = "piece" + std::to_string(pieces.size());
       piece.conditions.push_back(veltest::NetCond("=", ranked[i].second));
       piece.alternatives.clear();
@@ -196,7 +196,7 @@ TEST(GeneratedDesign, ConnectivityPiecesAddUpToTheWholeView) {
 
   std::string control;
   std::vector<std::string> outputs;
-  for (const ViewSpec& piece : pieces) {
+  for (const ViewDefinition& piece : pieces) {
     control += veltest::ControlBlock(piece);
     outputs.push_back(dir / (piece.name + ".txt"));
   }

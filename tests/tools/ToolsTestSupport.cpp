@@ -63,7 +63,7 @@ std::vector<std::string> CommonConnectivityFields() {
                "WIREBOND_PROFILE_NAME", "WIREBOND_MATERIAL"});
 }
 
-ViewSpec Layer() {
+ViewDefinition Layer() {
   return {
       "layer",
       "LAYER",
@@ -74,7 +74,7 @@ ViewSpec Layer() {
        "LAYER_MATERIAL", "LAYER_SHIELD_LAYER", "LAYER_THERMAL_CONDUCTIVITY", "LAYER_THICKNESS"}};
 }
 
-ViewSpec DieStack() { return {"diestack", "DIE_STACK_DEF", {}, {}, {}}; }
+ViewDefinition DieStack() { return {"diestack", "DIE_STACK_DEF", {}, {}, {}}; }
 
 std::vector<std::string> SplitFields(const std::string& content) {
   if (content.empty()) return {};
@@ -115,8 +115,8 @@ Cond NetCond(const std::string& op, const std::string& net) {
   return {"NET_NAME", op == "=", net, "NET_NAME " + op + "'" + net + "'"};
 }
 
-std::vector<ViewSpec> StandardViewSpecs() {
-  std::vector<ViewSpec> views;
+std::vector<ViewDefinition> StandardViews() {
+  std::vector<ViewDefinition> views;
   views.push_back(Layer());
   views.push_back({"paddef", "PAD_DEF", {}, {}, {}});
   views.push_back({"fullgeo", "FULL_GEOMETRY", GeometryConditions(), {}, FullGeometryFields()});
@@ -161,7 +161,7 @@ std::vector<ViewSpec> StandardViewSpecs() {
   return views;
 }
 
-std::vector<ViewSpec> CellViewSpecs() {
+std::vector<ViewDefinition> CellViews() {
   std::vector<std::string> geometry = FullGeometryFields();
   geometry.resize(16);
   return {Layer(),
@@ -177,7 +177,7 @@ std::vector<ViewSpec> CellViewSpecs() {
           DieStack()};
 }
 
-std::string ControlBlock(const ViewSpec& view) {
+std::string ControlBlock(const ViewDefinition& view) {
   const auto join = [](const std::vector<std::string>& items) {
     std::string text;
     for (std::size_t i = 0; i < items.size(); ++i) text += (i ? "\n\t" : "") + items[i];
@@ -209,7 +209,7 @@ std::string CrLf(const std::string& text) {
   return out;
 }
 
-bool Passes(const ViewSpec& view, const std::map<std::string, std::string>& record) {
+bool Passes(const ViewDefinition& view, const std::map<std::string, std::string>& record) {
   const auto holds = [&](const Cond& c) { return (record.at(c.field) == c.value) == c.equal; };
   for (const Cond& c : view.conditions) {
     if (!holds(c)) return false;

@@ -26,7 +26,7 @@ Cond Quoted(const std::string& field, const std::string& op, const std::string& 
 Cond Bare(const std::string& field, const std::string& op, const std::string& value);
 Cond NetCond(const std::string& op, const std::string& net);  // "NET_NAME ='GND'"
 
-struct ViewSpec {
+struct ViewDefinition {
   std::string name;  // file name stem, e.g. "conn"
   std::string keyword;
   std::vector<Cond> conditions;    // all must hold
@@ -35,16 +35,16 @@ struct ViewSpec {
 };
 
 // The default and the cell view sets, as the program defines them.
-std::vector<ViewSpec> StandardViewSpecs();
-std::vector<ViewSpec> CellViewSpecs();
+std::vector<ViewDefinition> StandardViews();
+std::vector<ViewDefinition> CellViews();
 
 // The control block for a view, exactly as the program writes it, with LF
 // line ends (CrLf() turns them into CR LF).
-std::string ControlBlock(const ViewSpec& view);
+std::string ControlBlock(const ViewDefinition& view);
 std::string CrLf(const std::string& text);
 
 // Whether a record (field name -> text) passes the view's filter.
-bool Passes(const ViewSpec& view, const std::map<std::string, std::string>& record);
+bool Passes(const ViewDefinition& view, const std::map<std::string, std::string>& record);
 
 struct ViewFile {
   std::vector<std::string> header;
