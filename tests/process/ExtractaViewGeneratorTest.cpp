@@ -145,7 +145,13 @@ TEST_F(GeneratorTest, ProgramIsFoundOnPathOrNamedByTheOverride) {
 
   const std::string notFound =
       "CreateProcess failed with error 2: Could not find application extracta.exe";
+  std::vector<std::pair<int, std::string>> traces;
+  const TraceSink previous = SetTraceSink_G(
+      [&](int level, const std::wstring& line) { traces.emplace_back(level, NarrowText(line)); });
   EXPECT_EQ(FailureOf([&] { Make(kLayer, ""); }), notFound);
+  SetTraceSink_G(previous);
+  EXPECT_THAT(traces,
+              ::testing::Contains(Pair(1, "*StartChildProcess: VelCreateProcess result = 2 \n")));
   EXPECT_EQ(ExtractaViewGenerator::runningCount() + ExtractaViewGenerator::waitingCount(), 0u)
       << "a failed start leaves the generator in neither queue";
   EXPECT_EQ(FailureOf([&] {

@@ -118,6 +118,24 @@ TEST(ChildProcess, GetsItsArgumentsDirectoryStreamsAndNothingElse) {
   ASSERT_EQ(started.size(), 2u);
   EXPECT_THAT(Descriptors(started[1].fds), ::testing::Contains(stray));
   close(stray);
+
+  // A given environment replaces the caller's; a given input file replaces
+  // /dev/null.
+  const std::string input = temp / "input";
+  veltest::WriteFile(input, "in");
+  const std::string ownRecords = temp / "own records";
+  const std::string variable = "VEL_TEST_CHILD=record=" + ownRecords;
+  const char* const environment[] = {variable.c_str(), nullptr};
+  AString argv0(veltest::ChildProgram());
+  ASSERT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(work), environment,
+                              input.c_str(), pipe.WriteHandle(), 0, false, true, true, nullptr),
+            0);
+  EXPECT_EQ(WaitForExit(handle, pipe, output), 0);
+  VeltCloseProcessHandle(handle);
+  EXPECT_EQ(veltest::ReadChildRecords(records).size(), 2u);
+  started = veltest::ReadChildRecords(ownRecords);
+  ASSERT_EQ(started.size(), 1u);
+  EXPECT_EQ(started[0].stdinTarget, input);
 }
 
 TEST(ChildProcess, ProgramLookupAndStartErrors) {
