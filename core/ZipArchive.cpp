@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <vector>
 
 namespace {
@@ -96,7 +95,6 @@ void CZipArchive::Open(const std::string& path, int mode, long long volumeSize) 
   archive_ = archive;
   path_ = path;
   entries_ = 0;
-  newestModification_ = 0;
 }
 
 void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, int /*smartness*/,
@@ -109,7 +107,6 @@ void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, 
   std::string name = ZipEntryName(path);
   if (!fullPath) name = name.substr(name.find_last_of('/') + 1);
   if (name.empty()) throw CZipException("no entry name for " + path);
-  if (st.st_mtime > newestModification_) newestModification_ = st.st_mtime;
 
   if (S_ISDIR(st.st_mode)) {
     if (zip_dir_add(archive_, name.c_str(), ZIP_FL_ENC_GUESS) < 0)
@@ -135,6 +132,7 @@ void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, 
 
 void CZipArchive::Close(int afterException, bool updateTimeStamp) {
   if (!archive_) throw CZipException("no archive is open");
+  if (updateTimeStamp) throw CZipException("the archive's time stamp cannot be set");
   if (afterException != 0) {
     Discard();
     return;
@@ -148,12 +146,6 @@ void CZipArchive::Close(int afterException, bool updateTimeStamp) {
     throw CZipException(message);
   } else {
     archive_ = nullptr;
-  }
-  if (updateTimeStamp && newestModification_ > 0) {
-    const time_t newest = static_cast<time_t>(newestModification_);
-    const timespec times[2] = {{newest, 0}, {newest, 0}};
-    if (utimensat(AT_FDCWD, path_.c_str(), times, 0) != 0)
-      throw CZipException(SystemError("cannot set the time of", path_));
   }
 }
 

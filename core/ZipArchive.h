@@ -51,9 +51,9 @@ class CZipArchive {
                   unsigned long bufferSize = 65536);
 
   // Writes the archive. `afterException` non-zero abandons it instead (nothing
-  // is written). With `updateTimeStamp` the archive file gets the newest
-  // modification time of its entries. A failed write (a full disk, a file
-  // that went away) throws, and the output path is left as it was.
+  // is written). The archive file keeps the time it was written at: asking to
+  // update its time stamp throws. A failed write (a full disk, a file that
+  // went away) throws, and the output path is left as it was.
   void Close(int afterException = 0, bool updateTimeStamp = false);
 
   bool IsOpen() const { return archive_ != nullptr; }
@@ -65,7 +65,6 @@ class CZipArchive {
   zip* archive_ = nullptr;
   std::string path_;
   long long entries_ = 0;
-  long long newestModification_ = 0;
 };
 
 // The entry name for a path: absolute (relative to the current directory),

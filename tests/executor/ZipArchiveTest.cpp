@@ -1,6 +1,5 @@
 #include "core/ZipArchive.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -220,31 +219,6 @@ TEST(ZipArchiveTest, AFailedWriteFailsTheCloseAndLeavesNoFileBehind) {
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0) << "Close did not report the failed write";
   EXPECT_EQ(ListDir(dir.path()), std::vector<std::string>{"big.bin"});
-}
-
-TEST(ZipArchiveTest, UpdatingTheTimeStampGivesTheNewestEntryTime) {
-  TempDir dir;
-  WriteFile(dir / "old.txt", "1");
-  WriteFile(dir / "new.txt", "2");
-  const timespec oldTime[2] = {{1000000000, 0}, {1000000000, 0}};
-  const timespec newTime[2] = {{1500000000, 0}, {1500000000, 0}};
-  utimensat(AT_FDCWD, (dir / "old.txt").c_str(), oldTime, 0);
-  utimensat(AT_FDCWD, (dir / "new.txt").c_str(), newTime, 0);
-
-  for (bool update : {true, false}) {
-    const std::string out = dir / (update ? "stamped.zip" : "plain.zip");
-    CZipArchive archive;
-    archive.Open(out, CZipArchive::kCreate, 0);
-    archive.AddNewFile(dir / "new.txt", -1, true);
-    archive.AddNewFile(dir / "old.txt", -1, true);
-    archive.Close(0, update);
-    struct stat st;
-    ASSERT_EQ(stat(out.c_str(), &st), 0);
-    if (update)
-      EXPECT_EQ(st.st_mtime, 1500000000);
-    else
-      EXPECT_GT(st.st_mtime, 1500000000);
-  }
 }
 
 }  // namespace
