@@ -58,17 +58,11 @@ using GeneratorList = std::vector<GeneratorPtr>;
 // (count, net name), ranked largest first.
 using RankedNets = std::vector<std::pair<uint64_t, std::string>>;
 
-// Reads the survey's view file and ranks its nets: descending by record count,
-// and among equal counts descending by name (byte-wise), so that of two nets
-// tied for the last split place the greater name is split.
-RankedNets RankSurveyedNets(const AString& surveyFile) {
-  ExtractaViewData survey;
-  readViewFile(VEL_ANSI(surveyFile), survey);
-
+// Counts the survey's records per NET_NAME text (the empty name counts like
+// any other).
+std::map<std::string, uint64_t> CountRecordsPerNet(const ExtractaViewData& survey,
+                                                   const AString& surveyFile) {
   const uint32_t netColumn = survey.columnIndex("NET_NAME");
-  const ExtractaViewData::Rows& records = survey.sRecords();
-  VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
-           static_cast<int>(records.size()));
   // A survey without the column is a broken survey, whether or not it found
   // records: its nets cannot be told apart.
   if (netColumn == ExtractaViewData::kNoColumn) {
@@ -76,15 +70,35 @@ RankedNets RankSurveyedNets(const AString& surveyFile) {
                                   " has no NET_NAME column");
   }
 
+  // extracta lists a net's records together, so most records name the same
+  // net as the one before; counting a run of them locally saves a map lookup
+  // per record, and any other order gives the same counts.
   std::map<std::string, uint64_t> recordsPerNet;
+  const ExtractaViewData::Rows& records = survey.sRecords();
+  const std::string* runNet = nullptr;
+  uint64_t runLength = 0;
   for (std::size_t i = 0; i < records.size(); ++i) {
     if (netColumn >= records[i].size()) {
       throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) + " record " +
                                     std::to_string(i + 1) + " has no NET_NAME field");
     }
-    ++recordsPerNet[records[i][netColumn]];
+    const std::string& net = records[i][netColumn];
+    if (runNet != nullptr && net == *runNet) {
+      ++runLength;
+      continue;
+    }
+    if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
+    runNet = &net;
+    runLength = 1;
   }
+  if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
+  return recordsPerNet;
+}
 
+// The nets descending by record count, and among equal counts descending by
+// name (byte-wise), so that of two nets tied for the last split place the
+// greater name is split.
+RankedNets RankNets(const std::map<std::string, uint64_t>& recordsPerNet) {
   RankedNets ranked;
   ranked.reserve(recordsPerNet.size());
   for (const auto& [net, count] : recordsPerNet) ranked.emplace_back(count, net);
@@ -111,7 +125,7 @@ class ConnectivityMerge {
   explicit ConnectivityMerge(const AString& combinedPath)
       : out_(
             ::open(VEL_ANSI(combinedPath).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-        buffer_(kBufferSize) {
+        buffer_(kHeaderChunk) {
     // A combined file that did not open is reported when the first piece is
     // added to it, as a failure to add that piece.
   }
@@ -132,21 +146,18 @@ class ConnectivityMerge {
 
     // The first two lines are the header: "A!" names the fields, "J!"
     // describes the extraction. Only the first piece's header is kept.
-    std::string header[2];
-    std::size_t restBegin = 0;
-    std::size_t restEnd = 0;
-    const bool readFailed = !readHeader(piece, header, restBegin, restEnd);
+    const Header header = readHeader(piece.fd);
     if (first_) {
-      writeAll(header[0] + "\n" + header[1] + "\n");
+      writeAll(header.lines[0] + "\n" + header.lines[1] + "\n");
       first_ = false;
     }
-    if (readFailed) {
+    if (header.readError) {
       throw ExtractaParserException(
           AString(L"createExtractaControlFileAndViewsMP missing header in file ") + piecePath);
     }
 
-    writeAll(buffer_.data() + restBegin, restEnd - restBegin);
-    if (!atEnd_) copyRest(piece.fd);
+    writeAll(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
+    if (!header.pieceEnded) copyRest(piece.fd);
     if (failed_) {
       throw ExtractaParserException(AString(L"createExtractaControlFileAndViewsMP error adding ") +
                                     piecePath + L" to combined connectivity file");
@@ -162,7 +173,13 @@ class ConnectivityMerge {
   }
 
  private:
-  static constexpr std::size_t kBufferSize = 1 << 20;
+  // The header is read through a small buffer: whatever is read past it has
+  // to be written from user space, while the rest goes through the kernel.
+  static constexpr std::size_t kHeaderChunk = 16 << 10;
+  // Copying through user space, where the kernel cannot copy.
+  static constexpr std::size_t kCopyBuffer = 1 << 20;
+  // Large enough that one call copies a whole piece; the kernel splits it.
+  static constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
 
   struct Piece {
     explicit Piece(int descriptor) : fd(descriptor) {}
@@ -172,40 +189,47 @@ class ConnectivityMerge {
     int fd;
   };
 
+  struct Header {
+    std::string lines[2];
+    std::size_t restBegin = 0;  // [restBegin, restEnd) of the buffer was read past the header
+    std::size_t restEnd = 0;
+    bool pieceEnded = false;  // the piece ended within its header
+    bool readError = false;
+  };
+
   // Reads until two lines have ended or the piece has ended. A line is taken
   // without its "\n" (a CR before it stays, so the header is written back as
   // it was); a missing line reads as empty, and a short piece is no error.
-  // [restBegin, restEnd) of the buffer is what was read past the header.
-  // False on a read error.
-  bool readHeader(Piece& piece, std::string (&header)[2], std::size_t& restBegin,
-                  std::size_t& restEnd) {
-    atEnd_ = false;
+  Header readHeader(int fd) {
+    Header header;
     int line = 0;
     for (;;) {
-      const ssize_t got = readSome(piece.fd, buffer_.data(), buffer_.size());
-      if (got < 0) return false;
+      const ssize_t got = readSome(fd, buffer_.data(), kHeaderChunk);
+      if (got < 0) {
+        header.readError = true;
+        return header;
+      }
       if (got == 0) {
-        atEnd_ = true;
-        restBegin = restEnd = 0;
-        return true;
+        header.pieceEnded = true;
+        return header;
       }
       const char* data = buffer_.data();
       std::size_t pos = 0;
       while (line < 2) {
         const void* lineEnd = std::memchr(data + pos, '\n', got - pos);
         if (lineEnd == nullptr) {
-          header[line].append(data + pos, got - pos);
+          header.lines[line].append(data + pos, got - pos);
           break;
         }
         const std::size_t end = static_cast<const char*>(lineEnd) - data;
-        header[line].append(data + pos, end - pos);
+        header.lines[line].append(data + pos, end - pos);
         pos = end + 1;
         ++line;
       }
       if (line == 2) {
-        restBegin = pos;
-        restEnd = static_cast<std::size_t>(got);
-        return true;
+        header.restBegin = pos;
+        header.restEnd = static_cast<std::size_t>(got);
+        return header;
       }
     }
   }
@@ -232,6 +256,7 @@ class ConnectivityMerge {
       return;
     }
 #endif
+    if (buffer_.size() < kCopyBuffer) buffer_.resize(kCopyBuffer);
     for (;;) {
       const ssize_t got = readSome(in, buffer_.data(), buffer_.size());
       if (got < 0) {
@@ -267,14 +292,10 @@ class ConnectivityMerge {
     }
   }
 
-  // Large enough that one call copies a whole piece; the kernel splits it.
-  static constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
-
   int out_;
   std::vector<char> buffer_;
   bool first_ = true;
   bool failed_ = false;  // the combined file is not in a good state
-  bool atEnd_ = false;   // the current piece ended within its header
   uint64_t bytes_ = 0;
   int files_ = 0;
   std::chrono::steady_clock::duration elapsed_{};
@@ -305,12 +326,19 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
     }
 
     if (views.Contains(kConn)) {
-      std::vector<AString> splitNets;
       {
         ExtractaViewGenerator survey(design, ExtractaViewDef::MakeNetListDef(nets), workingDir,
                                      generatorOption, AString(L"nets"));
-        const RankedNets ranked = RankSurveyedNets(survey.waitForViewFile().path);
+        const AString surveyFile = survey.waitForViewFile().path;
+        ExtractaViewData surveyData;
+        readViewFile(VEL_ANSI(surveyFile), surveyData);
+        VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
+                 static_cast<int>(surveyData.sRecords().size()));
+        const std::map<std::string, uint64_t> recordsPerNet =
+            CountRecordsPerNet(surveyData, surveyFile);
+        const RankedNets ranked = RankNets(recordsPerNet);
 
+        std::vector<AString> splitNets;
         const std::size_t splitCount = std::min(kMaxSplitNets, ranked.size());
         for (std::size_t i = 0; i < splitCount; ++i) {
           const AString net(ranked[i].second);
@@ -321,13 +349,15 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
           }
           splitNets.push_back(net);
         }
-      }
 
-      // The remainder takes every net not split, whatever the net selection:
-      // it excludes the split nets and selects nothing.
-      connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
-          design, ExtractaViewDef(kConn, splitNets, true), workingDir, generatorOption,
-          AString(L"remainder")));
+        // The remainder takes every net not split, whatever the net selection:
+        // it excludes the split nets and selects nothing.
+        connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
+            design, ExtractaViewDef(kConn, splitNets, true), workingDir, generatorOption,
+            AString(L"remainder")));
+        // The survey's table goes only now, while the first connectivity run
+        // already works: releasing a large table takes a while.
+      }
 
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
       ConnectivityMerge merge(combinedPath);
