@@ -117,8 +117,7 @@ std::string MakeDesign(const std::string& directory, int seed, int connRecords) 
 std::string WithConnectivity(const std::string& design, const std::string& path,
                              const std::vector<NetClass>& records) {
   const std::string text = veltest::ReadFile(design);
-  const std::string title = "\nT!CONNECTIVITY!";
-  const std::size_t table = text.find(title);
+  const std::size_t table = text.find("\nT!CONNECTIVITY!");
   if (table == std::string::npos) throw std::runtime_error(design + " has no connectivity table");
   const std::size_t headerBegin = text.find('\n', table + 1) + 1;
   const std::size_t recordsBegin = text.find('\n', headerBegin) + 1;
@@ -127,19 +126,22 @@ std::string WithConnectivity(const std::string& design, const std::string& path,
 
   const std::vector<std::string> fields =
       Fields(text.substr(headerBegin, recordsBegin - headerBegin));
-  std::string table_records;
+  std::string tableRecords;
   int tag = 0;
   for (const NetClass& record : records) {
-    table_records += "S!";
+    tableRecords += "S!";
     for (const std::string& field : fields) {
-      if (field == "NET_NAME") table_records += record.first;
-      if (field == "CLASS") table_records += record.second;
-      if (field == "RECORD_TAG") table_records += "r" + std::to_string(++tag);
-      table_records += "!";
+      if (field == "NET_NAME") tableRecords += record.first;
+      if (field == "CLASS") tableRecords += record.second;
+      if (field == "RECORD_TAG") tableRecords += "r" + std::to_string(++tag);
+      tableRecords += "!";
     }
-    table_records += "\r\n";
+    tableRecords += "\r\n";
   }
-  veltest::WriteFile(path, text.substr(0, recordsBegin) + table_records + text.substr(recordsEnd));
+  // The table line loses its byte count, so the new records need none.
+  veltest::WriteFile(path, text.substr(0, table) + "\nT!CONNECTIVITY!\r\n" +
+                               text.substr(headerBegin, recordsBegin - headerBegin) + tableRecords +
+                               text.substr(recordsEnd));
   return path;
 }
 
