@@ -8,6 +8,7 @@
 // otherwise.
 
 #include <clocale>
+#include <csignal>
 #include <iostream>
 #include <vector>
 
@@ -78,6 +79,11 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");
   InstallInterruptHandlers();
+  // A write past the file size limit (a quota, a full volume set up as a
+  // limit) must fail like any other failed write, so that the run ends
+  // through its failure path and removes its working directory, instead of
+  // the signal ending the program on the spot.
+  std::signal(SIGXFSZ, SIG_IGN);
 
   const CommandLine options = ScanCommandLine(argc, argv);
   if (!options.enoughArguments) return 1;

@@ -155,7 +155,7 @@ int FindProgram(const std::string& name, std::string& found) {
 void AddDefaultedSignals(sigset_t& set) {
   sigemptyset(&set);
   for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGUSR2,
-                     SIGTSTP, SIGTTIN, SIGTTOU})
+                     SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ})
     sigaddset(&set, signal);
 }
 
