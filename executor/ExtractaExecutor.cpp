@@ -9,7 +9,9 @@
 #include <fstream>
 
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/filesystem.hpp>
 
+#include "core/ExtractaParserException.h"
 #include "core/VelAssert.h"
 #include "process/ExtractaViewGenerator.h"
 #include "views/ExtractaViewControl.h"
@@ -77,6 +79,12 @@ bool ExtractaExecutor::deleteWorkingDir() {
   return false;
 }
 
+void ExtractaExecutor::requireViewFile(const AString& path) {
+  boost::system::error_code error;
+  if (!boost::filesystem::is_regular_file(boost::filesystem::path(VEL_ANSI(path)), error))
+    throw ExtractaParserException(AString("extracta wrote no view file ") + path);
+}
+
 bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AString& base,
                                            const ViewSet& views, const std::vector<AString>& nets,
                                            std::vector<ActiveView>& activeViews) {
@@ -97,6 +105,7 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
   try {
     ExtractaViewGenerator::runExtracta(LongFileName(designFile), controlFile, generatorOption,
                                        produced, workingDir);
+    for (const ActiveView& view : produced) requireViewFile(view.path);
   } catch (const std::exception& e) {
     errorMessage = AString("extracta run failed: ") + AString(e.what());
     return false;

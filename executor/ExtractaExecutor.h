@@ -43,6 +43,11 @@ class ExtractaExecutor {
   const AString& getErrorMessage() const { return errorMessage; }
 
  private:
+  // extracta reports success by its exit code alone; a view file it did not
+  // write would leave the run's delivery silently without that view. Throws
+  // ExtractaParserException when `path` is not a file.
+  static void requireViewFile(const AString& path);
+
   AString errorMessage;
   LongFileName workingDir;
   bool generatorOption = true;  // puts "-c" on every extracta command line

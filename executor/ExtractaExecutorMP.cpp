@@ -371,7 +371,9 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
     }
 
     for (const GeneratorPtr& generator : otherGenerators) {
-      activeViews.push_back(generator->waitForViewFile());
+      const ActiveView view = generator->waitForViewFile();
+      requireViewFile(view.path);
+      activeViews.push_back(view);
     }
   } catch (const std::exception& failure) {
     errorMessage = AString(L"createExtractaControlFileAndViewsMP: ") + AString(failure.what());
