@@ -126,7 +126,25 @@ AString ExtractaViewGenerator::extractaExecutableName() {
 }
 
 AString ExtractaViewGenerator::quotedPath(const LongFileName& file) {
-  return AString("\"") + file.FilePath() + AString("\"");
+  // The child splits its command line by the Windows runtime's rules, which
+  // read \" as a literal quote and halve the backslashes before a quote. A
+  // Windows path holds no quote, but a POSIX one may, and a path ending in a
+  // backslash would swallow its closing quote: both are escaped, so the child
+  // gets every path back as it is. Any other path is only wrapped in quotes.
+  std::wstring quoted = L"\"";
+  std::size_t backslashes = 0;
+  for (const wchar_t c : file.FilePath().wstr()) {
+    if (c == L'\\') {
+      ++backslashes;
+      continue;
+    }
+    quoted.append(c == L'"' ? 2 * backslashes + 1 : backslashes, L'\\');
+    quoted += c;
+    backslashes = 0;
+  }
+  quoted.append(2 * backslashes, L'\\');
+  quoted += L'"';
+  return AString(std::move(quoted));
 }
 
 std::vector<AString> ExtractaViewGenerator::buildExtractaArguments(
@@ -215,6 +233,8 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
     VeltCloseProcessHandle(handle);
     throw;
   }
+  // And with its success: nothing extracta leaves behind may outlive the run.
+  VeltTerminateProcessTree(handle);
   VeltCloseProcessHandle(handle);
 }
 
@@ -244,6 +264,9 @@ bool ExtractaViewGenerator::checkFinished() {
       ProcessRunning(processHandle, AString("extracta"), pipe.ReadHandle(), output);
   if (!running && processHandle) {
     VelDebug(1, L"Extracta %s%s finished \n", ViewTypeName(viewType).c_str(), name.c_str());
+    // The view is written once extracta has ended; whatever it left running
+    // in its process group would otherwise outlive the run.
+    VeltTerminateProcessTree(processHandle);
     VeltCloseProcessHandle(processHandle);
     processHandle = nullptr;
     RemoveAll(runningGenerators, this);
