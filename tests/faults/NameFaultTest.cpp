@@ -1,0 +1,193 @@
+// The fault matrix, awkward names: paths and net names with blanks, quotes,
+// commas, leading dashes and non-ASCII characters, long net lists, and two
+// runs that compute the same working directory.
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/faults/FaultMatrix.h"
+#include "tests/parallel/DefaultRunSupport.h"
+
+namespace faults {
+namespace {
+
+using NameFaults = FaultMatrix;
+
+std::vector<std::string> Sorted(std::vector<std::string> values) {
+  std::sort(values.begin(), values.end());
+  return values;
+}
+
+std::vector<std::string> Repeated(const std::vector<std::pair<std::string, int>>& counts) {
+  std::vector<std::string> values;
+  for (const auto& [value, count] : counts) values.insert(values.end(), count, value);
+  return Sorted(values);
+}
+
+// Row: design, output and added paths with blanks, quotes, commas, leading
+//   dashes and non-ASCII characters
+// Outcome: the run succeeds and every path reaches extracta and the archive
+//   unchanged: each is handed over in double quotes, a double quote inside
+//   a path escaped so that the child's argument split gives it back. Only
+//   the add list is split at commas, so a file whose name holds a comma
+//   cannot be added: its pieces name no file and are skipped.
+TEST_F(NameFaults, PathsWithAwkwardCharacters) {
+  // A backslash before a quote, and one at the end of the design's name,
+  // test the escapes of the child's argument split.
+  const std::string odd = dir / "-odd dir, \\\"q\" 's' ü";
+  ASSERT_EQ(mkdir(odd.c_str(), 0777), 0);
+  const std::string designName = "-my design, \"v2\" é.mcm\\";
+  const std::string added = "-notes \"a\" 's' ü.csv";
+  veltest::WriteFile(odd + "/" + designName, veltest::ReadFile(design()));
+  veltest::WriteFile(odd + "/" + added, "net,length\n");
+  veltest::WriteFile(odd + "/x,y.csv", "never packed\n");
+
+  // Relative paths, from inside the odd directory.
+  LaunchOptions inside;
+  inside.cwd = odd;
+  const std::string archiveName = "-out, \"x\" ü.vlx";
+  ProgramRun zip({"-z", "-add", added + ",x,y.csv", designName, archiveName}, inside);
+  ExpectCleanSuccess(zip);
+  EXPECT_EQ(WorkingDirs(odd), std::vector<std::string>{});
+  const std::vector<std::string> names = ArchiveNames(odd + "/" + archiveName);
+  ASSERT_FALSE(names.empty());
+  std::vector<std::string> leaves;
+  for (const std::string& name : names) {
+    leaves.push_back(Leaf(name));
+    EXPECT_EQ(name.rfind(odd.substr(1) + "/extract", 0), 0u) << name;
+  }
+  for (const std::string& leaf : {std::string("conn.txt"), std::string("layer.txt"), added})
+    EXPECT_NE(std::find(leaves.begin(), leaves.end(), leaf), leaves.end()) << leaf;
+  EXPECT_EQ(std::find(leaves.begin(), leaves.end(), "x,y.csv"), leaves.end());
+  for (const std::string& name : names) {
+    if (Leaf(name) == added) {
+      EXPECT_EQ(ArchiveEntry(odd + "/" + archiveName, name), "net,length\n");
+    }
+  }
+
+  // Moved into an odd output directory, given by absolute paths.
+  const std::string views = dir / "-views, \"q\" ü";
+  ASSERT_EQ(mkdir(views.c_str(), 0777), 0);
+  ProgramRun move({"-cell", odd + "/" + designName, views});
+  ExpectCleanSuccess(move);
+  EXPECT_EQ(veltest::ListDir(views),
+            (std::vector<std::string>{"cconn.txt", "cfullgeo.txt", "diestack.txt",
+                                      "extracta_control.txt", "layer.txt"}));
+  EXPECT_EQ(veltest::ReadFile(views + "/layer.txt").rfind("A!", 0), 0u);
+}
+
+class NetNameFaults : public FaultMatrix {
+ protected:
+  void SetUp() override {
+    FaultMatrix::SetUp();
+    std::vector<defaultrun::NetClass> records;
+    const char* classes[] = {"ETCH", "PIN", "VIA CLASS", "CONDUCTOR"};
+    for (const auto& [net, count] : kNets) {
+      for (int i = 0; i < count; ++i) records.emplace_back(net, classes[i % 4]);
+    }
+    defaultrun::WithConnectivity(design(), design(), records);
+  }
+
+  // Connectivity records per net; "a,b" is one net whose name holds a comma.
+  const std::vector<std::pair<std::string, int>> kNets = {
+      {"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}, {"a,b", 2}, {"plain", 1}};
+
+  // Runs with the working directory kept; returns its path with a "/".
+  std::string RunKeeping(const std::vector<std::string>& args) {
+    LaunchOptions keep;
+    keep.env["VELTAR_EXTRACTA_DEBUG"] = "";
+    ProgramRun run(args, keep);
+    const veltest::RunResult& result = run.Wait();
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
+    EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+    const std::vector<std::string> kept = WorkingDirs(dir.path());
+    if (kept.size() != 1) {
+      ADD_FAILURE() << kept.size() << " working directories";
+      return "";
+    }
+    // Runs within one second share the directory's name.
+    const std::string target = moved / std::to_string(++runs);
+    EXPECT_EQ(std::rename((dir / kept[0]).c_str(), target.c_str()), 0) << std::strerror(errno);
+    return target + "/";
+  }
+
+  std::vector<std::string> NetNames(const std::string& viewFile) {
+    return Sorted(defaultrun::FieldValues(veltest::ReadFile(viewFile), "NET_NAME"));
+  }
+
+  veltest::TempDir moved;  // kept working directories, out of the next run's way
+  int runs = 0;
+};
+
+// Row: net names with blanks, quotes, commas and non-ASCII characters
+// Outcome: the run succeeds; each selected name reaches extracta's filter
+//   byte for byte (inside single quotes, a quote in the name left as it is)
+//   and selects exactly its records, in the survey and the cell views alike.
+//   The net list is split at commas, so a net whose name holds a comma
+//   cannot be selected; its records still reach conn.txt by the remainder.
+TEST_F(NetNameFaults, NetNamesWithAwkwardCharacters) {
+  const std::string selection = "VDD CORE,GND's,\"CLK\",Ünïcode,a,b";
+  const std::vector<std::string> selected =
+      Repeated({{"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}});
+
+  const std::string standard = RunKeeping({"-n", selection, "-z", design(), dir / "std.vlx"});
+  ASSERT_FALSE(standard.empty());
+  EXPECT_EQ(NetNames(standard + "connnets.txt"), selected);
+  EXPECT_EQ(defaultrun::SortedRecords(veltest::ReadFile(standard + "conn.txt")),
+            defaultrun::SortedRecords(defaultrun::PlainConnectivity(design(), moved.path())));
+  EXPECT_EQ(NetNames(standard + "conn.txt"), Repeated(kNets));
+
+  const std::string cell = RunKeeping({"-cell", "-n", selection, "-z", design(), dir / "c.vlx"});
+  ASSERT_FALSE(cell.empty());
+  EXPECT_EQ(NetNames(cell + "cconn.txt"), selected);
+}
+
+// Row: 12 or more nets on the command line
+// Outcome: the run succeeds and is not restricted to them at all, as with no
+//   net option: every net's records are surveyed and extracted. Up to 11
+//   nets restrict the run to those nets.
+TEST_F(NetNameFaults, TwelveOrMoreNetsRestrictNothing) {
+  std::string eleven = "VDD CORE";
+  for (int i = 1; i < 11; ++i) eleven += ",absent" + std::to_string(i);
+  const std::string twelve = eleven + ",absent11";
+  const std::string thirteen = twelve + ",absent12";
+
+  const std::string unrestricted = RunKeeping({"-cell", "-z", design(), dir / "all.vlx"});
+  ASSERT_FALSE(unrestricted.empty());
+  const std::vector<std::string> everyNet = NetNames(unrestricted + "cconn.txt");
+  const std::string restricted = RunKeeping({"-cell", "-n", eleven, "-z", design(), dir / "a.vlx"});
+  ASSERT_FALSE(restricted.empty());
+  const std::vector<std::string> selected = NetNames(restricted + "cconn.txt");
+  EXPECT_FALSE(selected.empty());
+  EXPECT_TRUE(std::all_of(selected.begin(), selected.end(),
+                          [](const std::string& net) { return net == "VDD CORE"; }));
+  EXPECT_GT(everyNet.size(), selected.size());
+
+  for (const std::string& many : {twelve, thirteen}) {
+    const std::string cell = RunKeeping({"-cell", "-n", many, "-z", design(), dir / "b.vlx"});
+    ASSERT_FALSE(cell.empty());
+    EXPECT_EQ(NetNames(cell + "cconn.txt"), everyNet);
+    const std::string standard = RunKeeping({"-n", many, "-z", design(), dir / "c.vlx"});
+    ASSERT_FALSE(standard.empty());
+    EXPECT_EQ(NetNames(standard + "connnets.txt"), Repeated(kNets));
+  }
+}
+
+// Row: two runs in the same second on the same base
+// Outcome: the later run cannot create the working directory the earlier
+//   one made and fails (exit 1, "view creation failed (1)."), without
+//   removing that directory: the earlier run finishes and delivers all its
+//   views.
+// Proof: tests/e2e/WorkingDirRunTest.cpp WorkingDirRunTest.ARunThatClashesLeavesTheOtherRunAlone
+
+}  // namespace
+}  // namespace faults
