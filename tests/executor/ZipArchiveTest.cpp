@@ -7,6 +7,7 @@
 #include <zip.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <map>
 #include <random>
 
@@ -57,7 +58,12 @@ std::string Unrooted(const std::string& absolute) { return absolute.substr(1); }
 
 class CurrentDirectory {
  public:
-  explicit CurrentDirectory(const std::string& path) : previous_(getcwd(nullptr, 0)) {
+  explicit CurrentDirectory(const std::string& path) {
+    // getcwd allocates the text it returns when given no buffer.
+    char* current = getcwd(nullptr, 0);
+    if (!current) throw std::runtime_error("getcwd");
+    previous_ = current;
+    std::free(current);
     if (chdir(path.c_str()) != 0) throw std::runtime_error("chdir " + path);
   }
   ~CurrentDirectory() {

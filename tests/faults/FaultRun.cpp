@@ -17,7 +17,6 @@
 #include <fstream>
 #include <memory>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -249,11 +248,29 @@ RunResult RunVelExtracta(const std::vector<std::string>& args, const LaunchOptio
   return run.Wait();
 }
 
+namespace {
+
+// True when `text` from `start` on is one or more decimal digits.
+bool DigitsFrom(const std::string& text, std::size_t start) {
+  return start < text.size() && text.find_first_not_of("0123456789", start) == std::string::npos;
+}
+
+// True when `text` from `start` on is one or more lower-case hexadecimal digits.
+bool HexDigitsFrom(const std::string& text, std::size_t start) {
+  return start < text.size() &&
+         text.find_first_not_of("0123456789abcdef", start) == std::string::npos;
+}
+
+}  // namespace
+
 std::vector<std::string> WorkingDirs(const std::string& directory) {
-  static const std::regex name("extract-?[0-9]+");
+  // "extract" and the run number, which is negative for a clock before 1970.
   std::vector<std::string> found;
-  for (const std::string& entry : veltest::ListDir(directory))
-    if (std::regex_match(entry, name)) found.push_back(entry);
+  for (const std::string& entry : veltest::ListDir(directory)) {
+    if (entry.rfind("extract", 0) != 0) continue;
+    const std::size_t number = entry.size() > 7 && entry[7] == '-' ? 8 : 7;
+    if (DigitsFrom(entry, number)) found.push_back(entry);
+  }
   return found;
 }
 
@@ -325,7 +342,9 @@ std::string ArchiveEntry(const std::string& archive, const std::string& name) {
 std::string Leaf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
 bool IsPointerLine(const std::string& text, const std::string& label) {
-  return std::regex_match(text, std::regex(label + "0x[0-9a-f]+\n"));
+  const std::string start = label + "0x";
+  if (text.rfind(start, 0) != 0 || text.empty() || text.back() != '\n') return false;
+  return HexDigitsFrom(text.substr(0, text.size() - 1), start.size());
 }
 
 std::string UnlimitedExtractor(const std::string& directory) {
