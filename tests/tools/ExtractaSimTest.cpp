@@ -4,12 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-
 #include "tests/tools/ToolsTestSupport.h"
 
 namespace {
 
+using List = std::vector<std::string>;
 using veltest::CrLf;
 using veltest::ReadFile;
 using veltest::RunSim;
@@ -43,157 +42,134 @@ class ExtractaSim : public ::testing::Test {
     ASSERT_EQ(::mkdir(dir_.c_str(), 0755), 0);
     design = dir_ + "/hand.mcm";
     WriteFile(design, std::string(kJob) + kDesignTables);
+    control = dir_ + "/control.txt";
   }
 
-  // Runs one block (LF in the text, written with CR LF) and returns the REFDES
-  // column of the view file, or the failure output.
-  std::vector<std::string> Refdes(const std::string& block) {
-    WriteFile(dir_ + "/control.txt", CrLf(block));
-    const auto result = RunSim(design, dir_ + "/control.txt", {dir_ + "/out.txt"});
-    EXPECT_EQ(result.exitCode, 0) << result.out;
-    const veltest::ViewFile view = veltest::ParseViewFile(ReadFile(dir_ + "/out.txt"));
-    const auto column = std::find(view.header.begin(), view.header.end(), "REFDES");
-    EXPECT_NE(column, view.header.end());
-    std::vector<std::string> refdes;
-    for (const auto& record : view.records)
-      refdes.push_back(record.at(column - view.header.begin()));
-    return refdes;
-  }
-
-  veltest::RunResult Fails(const std::string& controlText, std::size_t outputs = 1) {
-    WriteFile(dir_ + "/control.txt", CrLf(controlText));
-    std::vector<std::string> files;
-    for (std::size_t i = 0; i < outputs; ++i) files.push_back(dir_ + "/out" + std::to_string(i));
-    auto result = RunSim(design, dir_ + "/control.txt", files);
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_EQ(result.out.compare(0, 7, "ERROR: "), 0) << result.out;
-    return result;
+  // Writes the control text with CR LF line ends and runs one output per
+  // name, in the design's directory.
+  veltest::RunResult Run(const std::string& text, const List& outputs) {
+    WriteFile(control, CrLf(text));
+    List paths;
+    for (const std::string& output : outputs) paths.push_back(dir_ + "/" + output);
+    return RunSim(design, control, paths);
   }
 
   veltest::TempDir dir;
-  std::string dir_;
-  std::string design;
+  std::string dir_, design, control;
 };
 
-using List = std::vector<std::string>;
-
-TEST_F(ExtractaSim, FilterSemantics) {
-  // AND within an alternative, OR across them, a bare value with a blank.
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n"
-                   "\tCLASS = ETCH\n\tRAT_CONNECTED != 'YES'\n\tRAT_CONNECTED != 'NO'\n"
-                   "\tNET_NAME != ''\n\tOR\n"
-                   "\tCLASS = VIA CLASS\n\tRAT_CONNECTED != 'YES'\n\tRAT_CONNECTED != 'NO'\n"
-                   "\tNET_NAME != ''\n\n\tREFDES\n\nEND\n\n"),
-            (List{"U1", "U2", "C2"}));
-  // Net alternatives as the program writes them (no blank before the quote).
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tNET_NAME ='GND'\n\tRAT_CONNECTED != 'YES'\n\tOR\n"
-                   "\tNET_NAME ='VDD 1V8'\n\tRAT_CONNECTED != 'YES'\n\n\tREFDES\n\nEND\n\n"),
-            (List{"U1", "U2", "C2", "R1"}));
-  // != against the empty value, and = against it.
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tNET_NAME != ''\n\n\tREFDES\n\nEND\n\n"),
-            (List{"U1", "U1", "U2", "C1", "C2", "R1", "U2"}));
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tRAT_CONNECTED = ''\n\tREFDES != ''\n\n\tREFDES\n\nEND\n\n"),
-            (List{"U1", "U2", "C2", "R1", "U2"}));
-  // A quoted value holding a quote; a quoted value holding blanks.
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tNET_NAME ='SIG'1'\n\n\tREFDES\n\nEND\n\n"), List{"C1"});
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tCLASS = 'BONDING WIRE'\n\n\tREFDES\n\nEND\n\n"), List{"U2"});
-  // Alternatives without conditions, each followed by a lone tab line.
-  EXPECT_EQ(Refdes("CONNECTIVITY\n\n\tCLASS = 'CONDUCTOR'\n\t\n\tOR\n\tRAT_CONNECTED != ''\n\t\n\n"
-                   "\tREFDES\n\nEND\n\n"),
-            (List{"U1", "C1", "R1"}));
-  // LF line ends are read as well as CR LF.
-  WriteFile(dir_ + "/lf.txt", "CONNECTIVITY\n\n\tCLASS = PIN\n\n\tREFDES\n\nEND\n\n");
-  ASSERT_EQ(RunSim(design, dir_ + "/lf.txt", {dir_ + "/lf-out.txt"}).exitCode, 0);
-  EXPECT_EQ(veltest::ParseViewFile(ReadFile(dir_ + "/lf-out.txt")).records.size(), 2u);
-}
-
-TEST_F(ExtractaSim, WritesAskedFieldsInAskedOrderAsTheToolDoes) {
-  WriteFile(
-      dir_ + "/control.txt",
-      CrLf("CONNECTIVITY\n\n\tCLASS = VIA CLASS\n\n\tREFDES\n\tNET_NAME\n\tCLASS\n\nEND\n\n"
-           "NET\n\n\t\nEND\n\n"
-           "CONNECTIVITY\n\n\tREFDES = 'U1'\n\n\tNET_NAME\n\tRAT_CONNECTED\n\tREFDES\n\tREFDES\n"
-           "\nEND\n\n"));
-  const auto result = RunSim(design, dir_ + "/control.txt",
-                             {dir_ + "/conn.txt", dir_ + "/net.txt", dir_ + "/skip.txt"});
+// The bytes of the view files, for the filter forms the sample design's views
+// do not use and for the ways fields can be asked.
+TEST_F(ExtractaSim, WritesTheAskedFieldsOfTheRecordsItsFiltersKeep) {
+  const struct {
+    const char* block;
+    std::string header;   // the A! line
+    std::string records;  // the S! lines
+  } cases[] = {
+      // Asked fields in asked order; a bare value with a blank.
+      {"CONNECTIVITY\n\n\tCLASS = VIA CLASS\n\n\tREFDES\n\tNET_NAME\n\tCLASS\n\nEND\n\n",
+       "A!REFDES!NET_NAME!CLASS!\r\n", "S!U2!VDD 1V8!VIA CLASS!\r\nS!C2!GND!VIA CLASS!\r\n"},
+      // No field lines: every field of the table, in table order.
+      {"NET\n\n\t\nEND\n\n", "A!NET_NAME!NET_BUS_NAME!\r\n", "S!GND!!\r\n"},
+      // Columns that skip one, and a column asked twice.
+      {"CONNECTIVITY\n\n\tREFDES = 'U1'\n\n\tNET_NAME\n\tRAT_CONNECTED\n\tREFDES\n\tREFDES\n\n"
+       "END\n\n",
+       "A!NET_NAME!RAT_CONNECTED!REFDES!REFDES!\r\n", "S!GND!!U1!U1!\r\nS!GND!YES!U1!U1!\r\n"},
+      // AND within an alternative, OR across them.
+      {"CONNECTIVITY\n\n\tCLASS = ETCH\n\tRAT_CONNECTED != 'YES'\n\tNET_NAME != ''\n\tOR\n"
+       "\tCLASS = PIN\n\tRAT_CONNECTED != 'YES'\n\tNET_NAME != ''\n\n\tREFDES\n\nEND\n\n",
+       "A!REFDES!\r\n", "S!U1!\r\nS!C1!\r\n"},
+      // = against the empty value; a quoted value holding a quote.
+      {"CONNECTIVITY\n\n\tRAT_CONNECTED = ''\n\tREFDES != ''\n\n\tREFDES\n\nEND\n\n",
+       "A!REFDES!\r\n", "S!U1!\r\nS!U2!\r\nS!C2!\r\nS!R1!\r\nS!U2!\r\n"},
+      {"CONNECTIVITY\n\n\tNET_NAME ='SIG'1'\n\n\tREFDES\n\nEND\n\n", "A!REFDES!\r\n", "S!C1!\r\n"},
+  };
+  std::string text;
+  List outputs;
+  for (const auto& c : cases) {
+    text += c.block;
+    outputs.push_back("out" + std::to_string(outputs.size()) + ".txt");
+  }
+  const auto result = Run(text, outputs);
   ASSERT_EQ(result.exitCode, 0) << result.out;
   EXPECT_EQ(result.out, "");
+  // The design file's name and the extraction date replace the first two
+  // fields of the design's job record.
   const std::string job =
       "J!hand.mcm!Sat Nov 21 10:02:11 2026!-10.00!-10.00!10.00!10.00!0.01!um!HAND TEST!0.010000 "
       "um!2!UP TO DATE!\r\n";
-  EXPECT_EQ(ReadFile(dir_ + "/conn.txt"), "A!REFDES!NET_NAME!CLASS!\r\n" + job +
-                                              "S!U2!VDD 1V8!VIA CLASS!\r\n"
-                                              "S!C2!GND!VIA CLASS!\r\n");
-  // No field lines: every field of the table, in table order.
-  EXPECT_EQ(ReadFile(dir_ + "/net.txt"), "A!NET_NAME!NET_BUS_NAME!\r\n" + job + "S!GND!!\r\n");
-  // Columns that skip one, and a column asked twice.
-  EXPECT_EQ(ReadFile(dir_ + "/skip.txt"), "A!NET_NAME!RAT_CONNECTED!REFDES!REFDES!\r\n" + job +
-                                              "S!GND!!U1!U1!\r\nS!GND!YES!U1!U1!\r\n");
+  for (std::size_t i = 0; i < outputs.size(); ++i) {
+    EXPECT_EQ(ReadFile(dir_ + "/" + outputs[i]), cases[i].header + job + cases[i].records)
+        << cases[i].block;
+  }
 }
 
 TEST_F(ExtractaSim, FailsLikeTheRealTool) {
-  // A field the table lacks, in the field list or in a filter: named in the
-  // message, and no output file is written, not even for an earlier block.
-  auto result =
-      Fails("NET\n\n\tNET_NAME\n\nEND\n\nCONNECTIVITY\n\n\tNET_NAME\n\tPIN_X\n\nEND\n\n", 2);
-  EXPECT_NE(result.out.find("PIN_X"), std::string::npos) << result.out;
-  EXPECT_FALSE(veltest::PathExists(dir_ + "/out0"));
-  result = Fails("CONNECTIVITY\n\n\tLAYER_SORT = 'x'\n\n\tNET_NAME\n\nEND\n\n");
-  EXPECT_NE(result.out.find("LAYER_SORT"), std::string::npos) << result.out;
+  const List one = {"out0.txt"}, two = {"out0.txt", "out1.txt"};
+  const struct {
+    const char* control;
+    List outputs;
+    const char* message;
+  } cases[] = {
+      // A field the table lacks, in the field list or in a filter, is named.
+      {"NET\n\n\tNET_NAME\n\nEND\n\nCONNECTIVITY\n\n\tNET_NAME\n\tPIN_X\n\nEND\n\n", two, "PIN_X"},
+      {"CONNECTIVITY\n\n\tLAYER_SORT = 'x'\n\n\tNET_NAME\n\nEND\n\n", one, "LAYER_SORT"},
+      {"CONNECTIVTY\n\n\tNET_NAME\n\nEND\n\n", one, "unknown view keyword CONNECTIVTY"},
+      {"LAYER\n\n\tLAYER_SORT\n\nEND\n\n", one, "holds no LAYER table"},
+      {"NET\n\n\tNET_NAME\nEND\n\n", one, "control file line 4"},
+      {"NET\n\n\tNET_NAME\n\nEND\n\n", two, "1 view blocks but 2 output files"},
+  };
+  for (const auto& c : cases) {
+    const auto result = Run(c.control, c.outputs);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.out.compare(0, 7, "ERROR: "), 0) << result.out;
+    EXPECT_NE(result.out.find(c.message), std::string::npos) << result.out;
+    // Nothing is written, not even for a block before the failing one.
+    EXPECT_FALSE(veltest::PathExists(dir_ + "/out0.txt")) << c.message;
+  }
 
-  result = Fails("CONNECTIVTY\n\n\tNET_NAME\n\nEND\n\n");
-  EXPECT_NE(result.out.find("unknown view keyword CONNECTIVTY"), std::string::npos);
-  result = Fails("LAYER\n\n\tLAYER_SORT\n\nEND\n\n");
-  EXPECT_NE(result.out.find("holds no LAYER table"), std::string::npos);
-  result = Fails("NET\n\n\tNET_NAME\nEND\n\n");
-  EXPECT_NE(result.out.find("control file line 4"), std::string::npos) << result.out;
-  result = Fails("NET\n\n\tNET_NAME\n\nEND\n\n", 2);
-  EXPECT_NE(result.out.find("1 view blocks but 2 output files"), std::string::npos);
-
-  const std::string control = dir_ + "/control.txt";
-  result = RunSim(dir_ + "/missing.mcm", control, {dir_ + "/o"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("missing.mcm"), std::string::npos);
-  result = RunSim(design, control, {dir_ + "/no such dir/o.txt"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("no such dir/o.txt"), std::string::npos);
-
-  // Wrong arguments: the option letters are not optional.
-  result = veltest::RunProgram(
-      {veltest::BinPath("extracta-sim"), "-k", "-c", design, control, dir_ + "/o"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("missing -m"), std::string::npos);
+  // A missing design, an output in a missing directory, and arguments
+  // without an option letter (they are not optional).
+  const std::string sim = veltest::BinPath("extracta-sim");
+  for (const auto& [argv, message] :
+       {std::pair{List{sim, "-k", "-c", "-m", dir_ + "/missing.mcm", control, dir_ + "/o"},
+                  "missing.mcm"},
+        {List{sim, "-k", "-c", "-m", design, control, dir_ + "/no such dir/o.txt"},
+         "no such dir/o.txt"},
+        {List{sim, "-k", "-c", design, control, dir_ + "/o"}, "missing -m"}}) {
+    const auto result = veltest::RunProgram(argv);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_NE(result.out.find(message), std::string::npos) << result.out;
+  }
 }
 
 TEST_F(ExtractaSim, AcceptsPathsWithoutQuotesAndReportsDamagedDesigns) {
-  WriteFile(dir_ + "/control.txt", CrLf("CONNECTIVITY\n\n\tNET_NAME\n\nEND\n\n"));
-  auto result = veltest::RunProgram({veltest::BinPath("extracta-sim"), "-k", "-m", design,
-                                     dir_ + "/control.txt", dir_ + "/plain.txt"});
+  WriteFile(control, CrLf("CONNECTIVITY\n\n\tNET_NAME\n\nEND\n\n"));
+  auto result = veltest::RunProgram(
+      {veltest::BinPath("extracta-sim"), "-k", "-m", design, control, dir_ + "/plain.txt"});
   ASSERT_EQ(result.exitCode, 0) << result.out;
   EXPECT_EQ(veltest::ParseViewFile(ReadFile(dir_ + "/plain.txt")).records.size(), 8u);
 
-  // A record with a field too few is reported with where it is.
-  WriteFile(design, std::string(kJob) + kDesignTables + "S!GND!ETCH!!\r\n");
-  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("must have 4 fields"), std::string::npos) << result.out;
   // A table line may give the byte count of its records; a count that does
-  // not end at the next table line is refused.
-  const std::string withLength = std::string(kJob) + "T!NET!9!\r\nA!NET_NAME!NET_BUS_NAME!\r\n" +
-                                 (kDesignTables + std::string(kDesignTables).find("S!GND!!"));
-  WriteFile(design, withLength);
-  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
-  EXPECT_EQ(result.exitCode, 0) << result.out;
-  WriteFile(design, std::string(kJob) + "T!NET!8!\r\nA!NET_NAME!NET_BUS_NAME!\r\n" +
-                        (kDesignTables + std::string(kDesignTables).find("S!GND!!")));
-  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("does not hold the 8 bytes"), std::string::npos) << result.out;
-
-  WriteFile(design, "T!NET!\r\n");
-  result = RunSim(design, dir_ + "/control.txt", {dir_ + "/o.txt"});
-  EXPECT_EQ(result.exitCode, 1);
-  EXPECT_NE(result.out.find("job record"), std::string::npos) << result.out;
+  // not end at the next table line is refused. Damage is reported with where
+  // it is.
+  const std::string netRecords = kDesignTables + std::string(kDesignTables).find("S!GND!!");
+  const struct {
+    std::string design;
+    const char* message;  // "" for a run that succeeds
+  } cases[] = {
+      {kJob + std::string("T!NET!9!\r\nA!NET_NAME!NET_BUS_NAME!\r\n") + netRecords, ""},
+      {kJob + std::string("T!NET!8!\r\nA!NET_NAME!NET_BUS_NAME!\r\n") + netRecords,
+       "does not hold the 8 bytes"},
+      {kJob + std::string(kDesignTables) + "S!GND!ETCH!!\r\n", "must have 4 fields"},
+      {"T!NET!\r\n", "job record"},
+  };
+  for (const auto& c : cases) {
+    WriteFile(design, c.design);
+    result = RunSim(design, control, {dir_ + "/o.txt"});
+    EXPECT_EQ(result.exitCode, *c.message ? 1 : 0) << result.out;
+    EXPECT_NE(result.out.find(c.message), std::string::npos) << result.out;
+  }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The EXTRACTA_SIM_* injections that the program's tests and benchmarks rely
 // on: failures, deaths, hangs, chatter, cost, stray grandchildren, damaged
-// output and the run log.
+// output and the run log, which every run here writes.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -22,19 +22,38 @@ class Injection : public ::testing::Test {
  protected:
   void SetUp() override {
     design = dir / "d.mcm";
-    WriteFile(design,
-              "J!d.mcm!Mon Jan 05 08:00:00 2026!0.00!0.00!1.00!1.00!0.01!um!T!0.010000 um!2!UP TO "
-              "DATE!\r\nT!CONNECTIVITY!\r\nA!NET_NAME!CLASS!\r\n");
-    std::string records;
-    for (int i = 0; i < 1000; ++i) records += i % 2 ? "S!GND!ETCH!\r\n" : "S!VDD!PIN!\r\n";
-    WriteFile(design, ReadFile(design) + records);
+    std::string text =
+        "J!d.mcm!Mon Jan 05 08:00:00 2026!0.00!0.00!1.00!1.00!0.01!um!T!0.010000 um!2!UP TO "
+        "DATE!\r\nT!CONNECTIVITY!\r\nA!NET_NAME!CLASS!\r\n";
+    for (int i = 0; i < 1000; ++i) text += i % 2 ? "S!GND!ETCH!\r\n" : "S!VDD!PIN!\r\n";
+    WriteFile(design, text);
     control = dir / "extracta_control_connGND.txt";
     WriteFile(control, "CONNECTIVITY\r\n\r\n\tNET_NAME\r\n\tCLASS\r\n\r\nEND\r\n\r\n");
     output = dir / "conn.txt";
   }
 
-  veltest::RunResult Run(const std::map<std::string, std::optional<std::string>>& env) {
+  // Every run appends to the run log.
+  veltest::RunResult Run(std::map<std::string, std::optional<std::string>> env) {
+    env.emplace("EXTRACTA_SIM_LOG", dir / "runs.log");
     return RunSim(design, control, {output}, env);
+  }
+
+  // The process ids of the logged runs, after checking each line's times and
+  // control file name.
+  std::vector<pid_t> LoggedRuns() {
+    std::istringstream lines(ReadFile(dir / "runs.log"));
+    std::vector<pid_t> pids;
+    for (std::string line; std::getline(lines, line);) {
+      std::istringstream fields(line);
+      unsigned long long start = 0, end = 0;
+      std::string name;
+      fields >> start >> end >> pids.emplace_back() >> name;
+      EXPECT_GT(start, 1700000000000000000ull) << line;
+      EXPECT_LE(start, end) << line;
+      EXPECT_GT(pids.back(), 0) << line;
+      EXPECT_EQ(name, "extracta_control_connGND.txt");
+    }
+    return pids;
   }
 
   veltest::TempDir dir;
@@ -56,42 +75,37 @@ TEST_F(Injection, FailsOnlyRunsWhoseControlFileMatches) {
   EXPECT_EQ(result.exitCode, 2);
   EXPECT_EQ(result.out.size(), 100000u);
 
+  EXPECT_EQ(LoggedRuns().size(), 3u);  // failed runs too
+
   result = Run({{"EXTRACTA_SIM_FAIL", "nonsense"}});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_NE(result.out.find("EXTRACTA_SIM_FAIL"), std::string::npos);
 }
 
-TEST_F(Injection, DiesBySignalAndHangsWhenAsked) {
+TEST_F(Injection, DiesHangsAndSpendsTimeWhenAsked) {
   EXPECT_EQ(Run({{"EXTRACTA_SIM_SIGNAL", "9"}}).exitCode, 128 + 9);
   EXPECT_EQ(Run({{"EXTRACTA_SIM_SIGNAL", "15"}}).exitCode, 128 + 15);
+  EXPECT_EQ(LoggedRuns().size(), 2u);  // killed runs too
 
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Run({{"EXTRACTA_SIM_SLEEP_MS", "300"}}).exitCode, 0);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
-}
-
-TEST_F(Injection, SpendsCpuTimePerRecordRead) {
-  // 1000 records at 0.5 ms each: half a second of work, where the bare run
-  // takes a few milliseconds.
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Run({{"EXTRACTA_SIM_NS_PER_RECORD", "500000"}}).exitCode, 0);
-  const auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(elapsed, std::chrono::milliseconds(500));
-  EXPECT_LT(elapsed, std::chrono::seconds(20));
+  // A sleep, and CPU time per record read: 1000 records at 0.5 ms each are
+  // half a second of work, where the bare run takes a few milliseconds.
+  for (const auto& [name, value] : {std::pair{"EXTRACTA_SIM_SLEEP_MS", "500"},
+                                    std::pair{"EXTRACTA_SIM_NS_PER_RECORD", "500000"}}) {
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Run({{name, value}}).exitCode, 0) << name;
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(elapsed, std::chrono::milliseconds(500)) << name;
+    EXPECT_LT(elapsed, std::chrono::seconds(20)) << name;
+  }
 }
 
 TEST_F(Injection, LeavesAGrandchildInItsProcessGroup) {
   const std::string pidFile = dir / "grandchild.pid";
-  const std::string log = dir / "runs.log";
-  const auto result = Run({{"EXTRACTA_SIM_GRANDCHILD_SECONDS", "30"},
-                           {"EXTRACTA_SIM_GRANDCHILD_PIDFILE", pidFile},
-                           {"EXTRACTA_SIM_LOG", log}});
+  const auto result = Run(
+      {{"EXTRACTA_SIM_GRANDCHILD_SECONDS", "30"}, {"EXTRACTA_SIM_GRANDCHILD_PIDFILE", pidFile}});
   ASSERT_EQ(result.exitCode, 0);
   const pid_t grandchild = std::stoi(ReadFile(pidFile));
-  std::istringstream logLine(ReadFile(log));
-  unsigned long long start = 0, end = 0;
-  pid_t child = 0;
-  logLine >> start >> end >> child;
+  const pid_t child = LoggedRuns().at(0);
   ASSERT_GT(grandchild, 0);
   // Still there after its parent ended, in the group its parent led, so
   // ending the child's group ends it too.
@@ -127,29 +141,6 @@ TEST_F(Injection, DamagesOutputOnRequest) {
   EXPECT_NE(damaged.find("\nS!ETCH!\n"), std::string::npos);
 
   EXPECT_EQ(Run({{"EXTRACTA_SIM_OUTPUT", "shred"}}).exitCode, 1);
-}
-
-TEST_F(Injection, LogsEveryRun) {
-  const std::string log = dir / "runs.log";
-  ASSERT_EQ(Run({{"EXTRACTA_SIM_LOG", log}}).exitCode, 0);
-  ASSERT_EQ(Run({{"EXTRACTA_SIM_LOG", log}, {"EXTRACTA_SIM_FAIL", "4:x"}}).exitCode, 4);
-  ASSERT_EQ(Run({{"EXTRACTA_SIM_LOG", log}, {"EXTRACTA_SIM_SIGNAL", "9"}}).exitCode, 137);
-  std::istringstream lines(ReadFile(log));
-  std::string line;
-  int count = 0;
-  while (std::getline(lines, line)) {
-    std::istringstream fields(line);
-    unsigned long long start = 0, end = 0;
-    long pid = 0;
-    std::string name;
-    fields >> start >> end >> pid >> name;
-    EXPECT_GT(start, 1700000000000000000ull) << line;
-    EXPECT_LE(start, end) << line;
-    EXPECT_GT(pid, 0);
-    EXPECT_EQ(name, "extracta_control_connGND.txt");
-    ++count;
-  }
-  EXPECT_EQ(count, 3);
 }
 
 }  // namespace

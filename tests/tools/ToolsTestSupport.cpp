@@ -2,22 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <stdexcept>
 
 namespace veltest {
 
 namespace {
 
-std::vector<std::string> Numbered(const std::string& stem, int from, int to) {
-  std::vector<std::string> names;
-  for (int i = from; i <= to; ++i) names.push_back(stem + std::to_string(i));
-  return names;
-}
-
-std::vector<std::string> Join(std::vector<std::string> first,
-                              const std::vector<std::string>& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
+// A view definition; field names hold no blanks, so the fields are written
+// as one text.
+ViewDefinition View(const char* name, const char* keyword, std::vector<Cond> conditions,
+                    std::vector<Cond> alternatives, const std::string& fields) {
+  ViewDefinition view{name, keyword, std::move(conditions), std::move(alternatives), {}};
+  std::istringstream in(fields);
+  for (std::string field; in >> field;) view.fields.push_back(field);
+  return view;
 }
 
 std::vector<Cond> GeometryConditions() {
@@ -42,39 +41,31 @@ std::vector<Cond> ConnectivityConditions() {
           Quoted("NET_NAME", "!=", "")};
 }
 
-std::vector<std::string> GraphicData() { return Numbered("GRAPHIC_DATA_", 1, 10); }
+const char kGraphicData[] =
+    " GRAPHIC_DATA_1 GRAPHIC_DATA_2 GRAPHIC_DATA_3 GRAPHIC_DATA_4 GRAPHIC_DATA_5 GRAPHIC_DATA_6"
+    " GRAPHIC_DATA_7 GRAPHIC_DATA_8 GRAPHIC_DATA_9 GRAPHIC_DATA_10 ";
 
-std::vector<std::string> FullGeometryFields() {
-  return Join(
-      Join({"NET_NAME_SORT", "RECORD_TAG", "CLASS", "SUBCLASS", "NET_NAME", "GRAPHIC_DATA_NUMBER"},
-           GraphicData()),
-      {"GRAPHIC_DATA_NAME", "REFDES", "PIN_NUMBER", "PIN_TYPE", "PIN_X", "PIN_Y", "PIN_ROTATION",
-       "PIN_ROTATION_ABSOLUTE", "VIA_X", "VIA_Y", "SYM_MIRROR", "SYM_ROTATE", "VIA_MIRROR",
-       "VIA_ROTATION", "BOND_PAD", "PAD_STACK_NAME", "PAD_SHAPE_NAME", "START_LAYER_NAME",
-       "END_LAYER_NAME"});
-}
+// Full geometry's first 16 columns; the cell-mode view stops there.
+const std::string kGeometryHead =
+    std::string("NET_NAME_SORT RECORD_TAG CLASS SUBCLASS NET_NAME GRAPHIC_DATA_NUMBER") +
+    kGraphicData;
 
-std::vector<std::string> CommonConnectivityFields() {
-  return Join(Join({"NET_NAME_SORT", "NODE_SORT", "NODE_1_NUMBER", "NODE_2_NUMBER", "RECORD_TAG",
-                    "CLASS", "SUBCLASS", "NET_NAME", "GRAPHIC_DATA_NUMBER"},
-                   GraphicData()),
-              {"REFDES", "COMP_CLASS", "PIN_NUMBER", "PIN_TYPE", "PIN_X", "PIN_Y",
-               "PIN_ROTATION_ABSOLUTE", "PAD_STACK_NAME", "START_LAYER_NAME", "END_LAYER_NAME",
-               "WIREBOND_PROFILE_NAME", "WIREBOND_MATERIAL"});
-}
+const std::string kCommonConnectivityFields =
+    std::string(
+        "NET_NAME_SORT NODE_SORT NODE_1_NUMBER NODE_2_NUMBER RECORD_TAG CLASS SUBCLASS "
+        "NET_NAME GRAPHIC_DATA_NUMBER") +
+    kGraphicData +
+    "REFDES COMP_CLASS PIN_NUMBER PIN_TYPE PIN_X PIN_Y PIN_ROTATION_ABSOLUTE PAD_STACK_NAME "
+    "START_LAYER_NAME END_LAYER_NAME WIREBOND_PROFILE_NAME WIREBOND_MATERIAL ";
 
 ViewDefinition Layer() {
-  return {
-      "layer",
-      "LAYER",
-      {},
-      {},
-      {"LAYER_SORT", "LAYER_SUBCLASS", "LAYER_TYPE", "LAYER_ARTWORK", "LAYER_CONDUCTOR",
-       "LAYER_DIELECTRIC_CONSTANT", "LAYER_LOSS_TANGENT", "LAYER_ELECTRICAL_CONDUCTIVITY",
-       "LAYER_MATERIAL", "LAYER_SHIELD_LAYER", "LAYER_THERMAL_CONDUCTIVITY", "LAYER_THICKNESS"}};
+  return View("layer", "LAYER", {}, {},
+              "LAYER_SORT LAYER_SUBCLASS LAYER_TYPE LAYER_ARTWORK LAYER_CONDUCTOR "
+              "LAYER_DIELECTRIC_CONSTANT LAYER_LOSS_TANGENT LAYER_ELECTRICAL_CONDUCTIVITY "
+              "LAYER_MATERIAL LAYER_SHIELD_LAYER LAYER_THERMAL_CONDUCTIVITY LAYER_THICKNESS");
 }
 
-ViewDefinition DieStack() { return {"diestack", "DIE_STACK_DEF", {}, {}, {}}; }
+ViewDefinition DieStack() { return View("diestack", "DIE_STACK_DEF", {}, {}, ""); }
 
 std::vector<std::string> SplitFields(const std::string& content) {
   if (content.empty()) return {};
@@ -116,64 +107,49 @@ Cond NetCond(const std::string& op, const std::string& net) {
 }
 
 std::vector<ViewDefinition> StandardViews() {
-  std::vector<ViewDefinition> views;
-  views.push_back(Layer());
-  views.push_back({"paddef", "PAD_DEF", {}, {}, {}});
-  views.push_back({"fullgeo", "FULL_GEOMETRY", GeometryConditions(), {}, FullGeometryFields()});
-  views.push_back(
-      {"conn",
-       "CONNECTIVITY",
-       ConnectivityConditions(),
-       {Bare("CLASS", "=", "CONDUCTOR"), Bare("CLASS", "=", "ETCH"), Bare("CLASS", "=", "PIN"),
-        Bare("CLASS", "=", "VIA CLASS")},
-       Join(CommonConnectivityFields(), {"GRAPHIC_DATA_NAME", "VIA_X", "VIA_Y", "SYM_MIRROR",
-                                         "SYM_ROTATE", "VIA_MIRROR", "VIA_ROTATION", "BOND_PAD"})});
-  views.push_back(DieStack());
-  views.push_back({"net", "NET", {}, {}, {"NET_NAME", "NET_BUS_NAME", "NET_DIFFERENTIAL_PAIR"}});
-  views.push_back({"component",
-                   "COMPONENT",
-                   {},
-                   {},
-                   {"REFDES_SORT", "REFDES", "COMP_CLASS", "COMP_DEVICE_TYPE", "COMP_VALUE",
-                    "COMP_TOL", "COMP_PACKAGE", "COMP_PART_NUMBER", "SYM_X", "SYM_Y", "SYM_ROTATE",
-                    "SYM_MIRROR", "SYM_BOX_X1", "SYM_BOX_Y1", "SYM_BOX_X2", "SYM_BOX_Y2"}});
-  views.push_back(
-      {"outline",
-       "GEOMETRY",
-       {Quoted("SUBCLASS", "=", "OUTLINE")},
-       {Quoted("CLASS", "=", "BOARD GEOMETRY"), Quoted("CLASS", "=", "SUBSTRATE GEOMETRY")},
-       Join({"CLASS", "SUBCLASS", "RECORD_TAG", "GRAPHIC_DATA_NAME", "GRAPHIC_DATA_NUMBER"},
-            GraphicData())});
-  views.push_back({"compositepad",
-                   "COMPOSITE_PAD",
-                   {},
-                   {Quoted("DRILL_ARRAY_ROWS", "!=", ""), Quoted("BACKDRILL_TOP_LAYER", "!=", ""),
-                    Quoted("BACKDRILL_BOTTOM_LAYER", "!=", "")},
-                   {"PAD_STACK_NAME", "GRAPHIC_DATA_NAME", "START_LAYER_NAME", "END_LAYER_NAME",
-                    "NET_NAME", "DRILL_HOLE_NAME", "DRILL_ARRAY_LOCATIONS", "BACKDRILL_TOP_LAYER",
-                    "BACKDRILL_BOTTOM_LAYER", "BACKDRILL_SIZE", "PIN_X", "PIN_Y",
-                    "PIN_ROTATION_ABSOLUTE", "VIA_X", "VIA_Y", "VIA_ROTATION"}});
-  views.push_back({"logicalpin",
-                   "LOGICAL_PIN",
-                   {},
-                   {},
-                   {"REFDES_SORT", "REFDES", "FUNC_DES", "PIN_NUMBER", "PIN_PINUSE"}});
-  return views;
+  return {
+      Layer(),
+      View("paddef", "PAD_DEF", {}, {}, ""),
+      View("fullgeo", "FULL_GEOMETRY", GeometryConditions(), {},
+           kGeometryHead +
+               "GRAPHIC_DATA_NAME REFDES PIN_NUMBER PIN_TYPE PIN_X PIN_Y PIN_ROTATION "
+               "PIN_ROTATION_ABSOLUTE VIA_X VIA_Y SYM_MIRROR SYM_ROTATE VIA_MIRROR VIA_ROTATION "
+               "BOND_PAD PAD_STACK_NAME PAD_SHAPE_NAME START_LAYER_NAME END_LAYER_NAME"),
+      View("conn", "CONNECTIVITY", ConnectivityConditions(),
+           {Bare("CLASS", "=", "CONDUCTOR"), Bare("CLASS", "=", "ETCH"), Bare("CLASS", "=", "PIN"),
+            Bare("CLASS", "=", "VIA CLASS")},
+           kCommonConnectivityFields +
+               "GRAPHIC_DATA_NAME VIA_X VIA_Y SYM_MIRROR SYM_ROTATE VIA_MIRROR VIA_ROTATION "
+               "BOND_PAD"),
+      DieStack(),
+      View("net", "NET", {}, {}, "NET_NAME NET_BUS_NAME NET_DIFFERENTIAL_PAIR"),
+      View("component", "COMPONENT", {}, {},
+           "REFDES_SORT REFDES COMP_CLASS COMP_DEVICE_TYPE COMP_VALUE COMP_TOL COMP_PACKAGE "
+           "COMP_PART_NUMBER SYM_X SYM_Y SYM_ROTATE SYM_MIRROR SYM_BOX_X1 SYM_BOX_Y1 SYM_BOX_X2 "
+           "SYM_BOX_Y2"),
+      View("outline", "GEOMETRY", {Quoted("SUBCLASS", "=", "OUTLINE")},
+           {Quoted("CLASS", "=", "BOARD GEOMETRY"), Quoted("CLASS", "=", "SUBSTRATE GEOMETRY")},
+           std::string("CLASS SUBCLASS RECORD_TAG GRAPHIC_DATA_NAME GRAPHIC_DATA_NUMBER") +
+               kGraphicData),
+      View("compositepad", "COMPOSITE_PAD", {},
+           {Quoted("DRILL_ARRAY_ROWS", "!=", ""), Quoted("BACKDRILL_TOP_LAYER", "!=", ""),
+            Quoted("BACKDRILL_BOTTOM_LAYER", "!=", "")},
+           "PAD_STACK_NAME GRAPHIC_DATA_NAME START_LAYER_NAME END_LAYER_NAME NET_NAME "
+           "DRILL_HOLE_NAME DRILL_ARRAY_LOCATIONS BACKDRILL_TOP_LAYER BACKDRILL_BOTTOM_LAYER "
+           "BACKDRILL_SIZE PIN_X PIN_Y PIN_ROTATION_ABSOLUTE VIA_X VIA_Y VIA_ROTATION"),
+      View("logicalpin", "LOGICAL_PIN", {}, {},
+           "REFDES_SORT REFDES FUNC_DES PIN_NUMBER PIN_PINUSE"),
+  };
 }
 
 std::vector<ViewDefinition> CellViews() {
-  std::vector<std::string> geometry = FullGeometryFields();
-  geometry.resize(16);
-  return {Layer(),
-          {"cfullgeo", "FULL_GEOMETRY", GeometryConditions(), {}, geometry},
-          {"cconn",
-           "CONNECTIVITY",
-           ConnectivityConditions(),
-           {Quoted("CLASS", "=", "PIN"), Quoted("CLASS", "=", "VIA CLASS"),
-            Quoted("WIREBOND_MATERIAL", "!=", "")},
-           Join(CommonConnectivityFields(),
-                {"SYM_NAME", "DRILL_HOLE_X", "DRILL_HOLE_Y", "DRILL_FIGURE_SHAPE",
-                 "DRILL_FIGURE_WIDTH", "DRILL_FIGURE_HEIGHT", "DRILL_FIGURE_ROTATION"})},
+  return {Layer(), View("cfullgeo", "FULL_GEOMETRY", GeometryConditions(), {}, kGeometryHead),
+          View("cconn", "CONNECTIVITY", ConnectivityConditions(),
+               {Quoted("CLASS", "=", "PIN"), Quoted("CLASS", "=", "VIA CLASS"),
+                Quoted("WIREBOND_MATERIAL", "!=", "")},
+               kCommonConnectivityFields +
+                   "SYM_NAME DRILL_HOLE_X DRILL_HOLE_Y DRILL_FIGURE_SHAPE DRILL_FIGURE_WIDTH "
+                   "DRILL_FIGURE_HEIGHT DRILL_FIGURE_ROTATION"),
           DieStack()};
 }
 
