@@ -13,14 +13,18 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-// Two distinct assertion sites, each with its own ignore flag. The first
-// returns the line it stands on.
+// Two distinct assertion sites, each with its own ignore flag. Each returns
+// the line it stands on.
 int FailFirstSite(int argc) {
   const int line = __LINE__ + 1;
   VEL_ASSERT(argc >= 3);
   return line;
 }
-void FailSecondSite() { VEL_ASSERT(!"view creation failed"); }
+int FailSecondSite() {
+  const int line = __LINE__ + 1;
+  VEL_ASSERT(!"view creation failed");
+  return line;
+}
 
 // Restores the global switch whatever a test does with it.
 struct IgnoreAllGuard {
@@ -67,57 +71,32 @@ TEST(AssertTest, IgnoringASiteOrAllSitesRoutesReportsToTheLog) {
     EXPECT_EQ(seen[i].processed, expectedProcessed[i]) << "report " << i;
 }
 
-TEST(AssertTest, ReportsNeverReachStandardOutputAndReachStandardErrorOnlyInDebug) {
-  {
-    veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+// Assertion reports and trace lines go to standard error only while the debug
+// variable is defined (empty counts), never to standard output; a trace sink
+// receives the lines either way.
+TEST(AssertAndTraceTest, StandardErrorOnlyWhileDebugIsDefined) {
+  for (const bool debug : {false, true}) {
+    SCOPED_TRACE(debug);
+    veltest::ScopedEnv env("VELTAR_EXTRACTA_DEBUG",
+                           debug ? std::optional<std::string>("") : std::nullopt);
+    std::vector<std::pair<int, std::wstring>> lines;
+    const TraceSink previous = SetTraceSink_G(
+        [&](int level, const std::wstring& line) { lines.emplace_back(level, line); });
     CaptureStdout();
     CaptureStderr();
-    FailSecondSite();
-    EXPECT_EQ(GetCapturedStderr(), "");
-    EXPECT_EQ(GetCapturedStdout(), "");
-  }
-  {
-    veltest::ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", "");
-    CaptureStdout();
-    CaptureStderr();
-    FailSecondSite();
+    const int line = FailSecondSite();
+    VelDebug(1, L"*StartChildProcess: %s \n", L"extracta \u00FC");
+    VelDebug(2, L"count %d", 3);  // a line end is added
     const std::string err = GetCapturedStderr();
     EXPECT_EQ(GetCapturedStdout(), "");
-    EXPECT_NE(err.find("ExtractaExecutor"), std::string::npos) << err;
-    EXPECT_NE(err.find("!\"view creation failed\""), std::string::npos) << err;
+    SetTraceSink_G(previous);
+    EXPECT_EQ(err, debug ? "Assertion failed: ExtractaExecutor(" + std::to_string(line) +
+                               "): !\"view creation failed\"\n"
+                               "*StartChildProcess: extracta \xC3\xBC \ncount 3\n"
+                         : "");
+    EXPECT_EQ(lines, (std::vector<std::pair<int, std::wstring>>{
+                         {1, L"*StartChildProcess: extracta \u00FC \n"}, {2, L"count 3\n"}}));
   }
-}
-
-TEST(TraceTest, WritesOneLineToStandardErrorOnlyWhileDebugIsDefined) {
-  {
-    veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-    CaptureStdout();
-    CaptureStderr();
-    VelDebug(1, L"*createExtractaControlFileAndViewsMP: workingdir %s\n", L"/w/extract1/");
-    EXPECT_EQ(GetCapturedStderr(), "");
-    EXPECT_EQ(GetCapturedStdout(), "");
-  }
-  {
-    veltest::ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", "1");
-    CaptureStdout();
-    CaptureStderr();
-    VelDebug(2, L"*StartChildProcess: %s \n", L"extracta \u00FC");
-    VelDebug(2, L"count %d", 3);  // a line end is added
-    EXPECT_EQ(GetCapturedStderr(), "*StartChildProcess: extracta \xC3\xBC \ncount 3\n");
-    EXPECT_EQ(GetCapturedStdout(), "");
-  }
-}
-
-TEST(TraceTest, SinkReceivesLevelAndLineWithoutDebug) {
-  veltest::ScopedEnv noDebug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-  std::vector<std::pair<int, std::wstring>> lines;
-  const TraceSink previous =
-      SetTraceSink_G([&](int level, const std::wstring& line) { lines.emplace_back(level, line); });
-  VelDebug(1, L"*x %s", L"y");
-  SetTraceSink_G(previous);
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].first, 1);
-  EXPECT_EQ(lines[0].second, L"*x y\n");
 }
 
 }  // namespace

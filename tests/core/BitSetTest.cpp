@@ -49,41 +49,34 @@ TEST(BitUtilitiesTest, NthSetBitFindsEveryBitAcrossNibbleByteAndHalfWordBorders)
     for (uint32_t n = 0; n < 32; ++n)
       ASSERT_EQ(NthSetBit32(v, n), SlowNthSetBit(v, n)) << std::hex << v << " " << n;
 
-  // The borders by name: nibble (bit 4), byte (bit 8), half word (bit 16).
-  EXPECT_EQ(NthSetBit8(0x0B, 2), 3u);
-  EXPECT_EQ(NthSetBit8(0x10, 0), 4u);
-  EXPECT_EQ(NthSetBit16(0x100, 0), 8u);
-  EXPECT_EQ(NthSetBit16(0x0180, 1), 8u);
-  EXPECT_EQ(NthSetBit32(0x00018000, 1), 16u);
-  EXPECT_EQ(NthSetBit32(0x80000000, 0), 31u);
-  EXPECT_EQ(NthSetBit32(0x1, 1), kNoBit);
-  EXPECT_EQ(NthSetBit32(0xFFFFFFFF, 31), 31u);
   EXPECT_TRUE(capture.reports().empty());
 }
 
 TEST(BitUtilitiesTest, BadOperandsAreReportedAndTheMaskedValueIsUsed) {
-  struct Case {
+  ScopedAssertCapture capture;
+  const struct {
     uint32_t result;
+    uint32_t expected;
     int line;
     const char* condition;
+  } cases[] = {
+      {CountBits4(0x13), 2, 116, "value <= 0xf"},
+      {CountBits8(0x1FF), 8, 126, "value <= 0xff"},
+      {CountBits16(0x10003), 2, 167, "value <= 0xffff"},
+      {NthSetBit4(0x1A, 1), 3, 617, "value <= 0xf && n < 4"},
+      {NthSetBit4(0xF, 4), kNoBit, 617, "value <= 0xf && n < 4"},
+      {NthSetBit8(0x130, 1), 5, 647, "value <= 0xff && n < 8"},
+      {NthSetBit8(0xFF, 8), kNoBit, 647, "value <= 0xff && n < 8"},
+      {NthSetBit16(0x10300, 0), 8, 696, "value <= 0xffff && n < 16"},
+      {NthSetBit16(0xFFFF, 16), kNoBit, 696, "value <= 0xffff && n < 16"},
+      {NthSetBit32(0xFFFFFFFF, 32), kNoBit, 744, "value <= 0xffffffff && n < 32"},
   };
-  ScopedAssertCapture capture;
-  const Case cases[] = {
-      {CountBits4(0x13), 116, "value <= 0xf"},
-      {CountBits8(0x1FF), 126, "value <= 0xff"},
-      {CountBits16(0x10003), 167, "value <= 0xffff"},
-      {NthSetBit4(0x1A, 1), 617, "value <= 0xf && n < 4"},
-      {NthSetBit8(0x130, 1), 647, "value <= 0xff && n < 8"},
-      {NthSetBit16(0x10300, 0), 696, "value <= 0xffff && n < 16"},
-      {NthSetBit32(0xFFFFFFFF, 32), 744, "value <= 0xffffffff && n < 32"},
-  };
-  const uint32_t expected[] = {2, 8, 2, 3, 5, 8, kNoBit};
-  ASSERT_EQ(capture.reports().size(), 7u);
-  for (std::size_t i = 0; i < 7; ++i) {
-    EXPECT_EQ(cases[i].result, expected[i]) << cases[i].condition;
+  ASSERT_EQ(capture.reports().size(), std::size(cases));
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    EXPECT_EQ(cases[i].result, cases[i].expected) << i;
     EXPECT_EQ(capture.reports()[i].source, "tkcore/tkutils/BitUtilities");
-    EXPECT_EQ(capture.reports()[i].line, cases[i].line);
-    EXPECT_EQ(capture.reports()[i].condition, cases[i].condition);
+    EXPECT_EQ(capture.reports()[i].line, cases[i].line) << i;
+    EXPECT_EQ(capture.reports()[i].condition, cases[i].condition) << i;
   }
 }
 

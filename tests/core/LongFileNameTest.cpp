@@ -23,15 +23,15 @@ TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
   EXPECT_FALSE(unset.IsDirectory());
 
   // An empty base is the current directory, never the file system root.
-  EXPECT_EQ(Dir("").FilePath().wstr(), L"./");
-  EXPECT_TRUE(Dir("").IsInitialized());
-  EXPECT_EQ(Dir("a").FilePath().wstr(), L"a/");
-  EXPECT_EQ(Dir("a/").FilePath().wstr(), L"a/");
-  EXPECT_EQ(Dir("a//").FilePath().wstr(), L"a/");
-  EXPECT_EQ(Dir("/").FilePath().wstr(), L"/");
-  EXPECT_EQ(Dir("/tmp/x y").FilePath().wstr(), L"/tmp/x y/");
-  // A directory name takes file names directly.
-  EXPECT_EQ((Dir("work").FilePath() + AString("conn.txt")).wstr(), L"work/conn.txt");
+  for (const auto& [base, directory] : {std::pair{"", L"./"},
+                                        {"a", L"a/"},
+                                        {"a/", L"a/"},
+                                        {"a//", L"a/"},
+                                        {"/", L"/"},
+                                        {"/tmp/x y", L"/tmp/x y/"}}) {
+    EXPECT_EQ(Dir(base).FilePath().wstr(), directory) << base;
+    EXPECT_TRUE(Dir(base).IsInitialized());
+  }
 }
 
 TEST(LongFileNameTest, CreateDirectoryMakesExactlyOneNewDirectory) {
