@@ -1,48 +1,110 @@
 #pragma once
 // What the process tests need to watch real children: the records that
-// vel-test-child writes, and the processes of a process group as /proc shows
-// them.
+// vel-test-child writes, the processes of a process group as /proc shows
+// them, and an interrupt sent in the middle of a wait.
 
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <functional>
+#include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "tests/support/TestSupport.h"
 
 namespace veltest {
 
-// Path of the helper child program in the build tree.
-std::string ChildProgram();
+inline std::string ChildProgram() { return BinPath("vel-test-child"); }
 
 // One child's record, as vel-test-child writes it.
 struct ChildRecord {
   int pid = 0;
-  int pgid = 0;
   long long start = 0;  // CLOCK_MONOTONIC nanoseconds
   long long end = 0;    // 0: the child never got to its end
-  std::string cwd;
-  std::string stdinTarget;
-  std::string fds;
+  std::string cwd, stdinTarget, fds;
   std::vector<std::string> args;  // argv[0] first
 };
 
 // The records of a file in the order the children started; none when the
 // file does not exist.
-std::vector<ChildRecord> ReadChildRecords(const std::string& file);
+inline std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
+  std::vector<ChildRecord> records;
+  std::istringstream lines(PathExists(file) ? ReadFile(file) : "");
+  for (std::string line; std::getline(lines, line);) {
+    std::vector<std::string> f;
+    std::istringstream fields(line);
+    for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
+    if (f.size() == 3 && f[0] == "end") {
+      for (ChildRecord& record : records)
+        if (record.pid == std::atoi(f[1].c_str())) record.end = std::atoll(f[2].c_str());
+    } else if (f.size() >= 7 && f[0] == "start") {
+      records.push_back({std::atoi(f[1].c_str()), std::atoll(f[2].c_str()), 0, f[3], f[4], f[5],
+                         std::vector<std::string>(f.begin() + 6, f.end())});
+    }
+  }
+  std::stable_sort(records.begin(), records.end(),
+                   [](const ChildRecord& a, const ChildRecord& b) { return a.start < b.start; });
+  return records;
+}
 
-struct GroupMember {
-  int pid;
-  bool zombie;
-};
-
-// Every process whose process group is `group`, zombies included.
-std::vector<GroupMember> ProcessesInGroup(int group);
-
-// The members of the group that are not zombies.
-std::vector<int> LiveProcessesInGroup(int group);
-
-// True while /proc lists the process (a zombie included).
-bool ProcessExists(int pid);
+// The processes whose process group is `group`; zombies too unless liveOnly.
+inline std::vector<int> ProcessesInGroup(int group, bool liveOnly = false) {
+  std::vector<int> members;
+  DIR* proc = opendir("/proc");
+  while (dirent* entry = proc ? readdir(proc) : nullptr) {
+    const int pid = std::atoi(entry->d_name);
+    std::ifstream statFile("/proc/" + std::to_string(pid) + "/stat");
+    std::string stat;
+    if (pid <= 0 || !std::getline(statFile, stat)) continue;
+    // "pid (comm) state ppid pgrp ...": comm may hold blanks and parentheses.
+    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    char state = 0;
+    int parent = 0, pgrp = 0;
+    fields >> state >> parent >> pgrp;
+    if (pgrp == group && !(liveOnly && state == 'Z')) members.push_back(pid);
+  }
+  if (proc) closedir(proc);
+  return members;
+}
 
 // Polls the condition every few milliseconds for at most `seconds`.
-bool PollUntil(const std::function<bool()>& condition, double seconds);
+inline bool PollUntil(const std::function<bool()>& condition, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
+
+// Sends a signal to this process from another thread 100 ms after `ready`
+// holds, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a wait.
+class DelayedSignal {
+ public:
+  using Clock = std::chrono::steady_clock;
+  DelayedSignal(int signal, std::function<bool()> ready)
+      : thread_([this, signal, ready] {
+          PollUntil(ready, 30);
+          std::this_thread::sleep_for(std::chrono::milliseconds(100));
+          sent_ = Clock::now();
+          kill(getpid(), signal);
+        }) {}
+  ~DelayedSignal() { sent(); }
+  Clock::time_point sent() {
+    if (thread_.joinable()) thread_.join();
+    return sent_;
+  }
+
+ private:
+  Clock::time_point sent_;
+  std::thread thread_;
+};
 
 }  // namespace veltest

@@ -1,12 +1,13 @@
-// Child processes through the core library: what a child gets (argv, working
-// directory, streams, descriptors, process group), how a program is found,
-// exit codes and reaping, and ending a whole tree.
+// The process primitives below the generator: how a command line is split,
+// the start options the generator does not use, the activity wait, and the
+// pipe reader. What every extracta child gets is shown through the generator
+// (ExtractaViewGeneratorTest.cpp).
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <string>
@@ -15,45 +16,34 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "core/Interrupt.h"
 #include "core/Pipe.h"
 #include "core/Process.h"
+#include "core/VelAssert.h"
 #include "tests/process/ChildProcesses.h"
-#include "tests/support/TestSupport.h"
 
 namespace {
 
 using ::testing::ElementsAre;
-using Args = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
 
-// Starts `program` with the arguments as the generator does: its own group,
-// the pipe on standard output and standard error.
-int Start(const std::string& program, const Args& arguments, VeltProcessHandle& handle,
-          const std::string& workingDirectory, const CPipe& pipe, bool inheritHandles = false) {
-  std::vector<AString> argv{AString(program)};
-  for (const std::string& argument : arguments) argv.emplace_back(argument);
-  return VeltCreateProcess(AString(), argv.data(), static_cast<int>(argv.size()), handle,
-                           AString(workingDirectory), nullptr, nullptr, pipe.WriteHandle(), 0,
-                           inheritHandles, true, true, nullptr);
+// Starts vel-test-child in a group of its own with both its output streams
+// on the pipe, doing `actions`.
+int Start(const std::string& actions, VeltProcessHandle& handle, const CPipe& pipe,
+          const std::string& workingDirectory = "", bool inheritHandles = false,
+          const char* const* environment = nullptr, const char* input = nullptr) {
+  veltest::ScopedEnv does("VEL_TEST_CHILD", actions);
+  const AString argv0(veltest::ChildProgram());
+  return VeltCreateProcess(AString(), &argv0, 1, handle, AString(workingDirectory), environment,
+                           input, pipe.WriteHandle(), 0, inheritHandles, true, true, nullptr);
 }
 
-std::vector<int> Descriptors(const std::string& list) {
-  std::vector<int> fds;
-  for (const AString& fd : AString(list).TokenizeString(AString(","), false))
-    fds.push_back(std::stoi(VEL_ANSI(fd)));
-  return fds;
-}
-
-// Polls until the child has ended, collecting its output; its exit code.
-int WaitForExit(VeltProcessHandle handle, const CPipe& pipe, AString& output) {
-  int code = kVeltStillActive;
-  veltest::PollUntil(
-      [&] {
-        drainPipe(pipe.ReadHandle(), output);
-        return VeltGetProcessExitCode(handle, code) == 0 || code != kVeltStillActive;
-      },
-      60);
-  drainPipe(pipe.ReadHandle(), output);
-  return code;
+// How long the activity wait sleeps, with a bound far beyond any wake-up in
+// these tests, so that a broken wake-up fails instead of hanging.
+Clock::duration TimeAsleep(const std::vector<VeltProcessHandle>& children, const CPipe& pipe) {
+  const auto start = Clock::now();
+  VeltWaitForChildActivity(children, {pipe.ReadHandle()}, 60000);
+  return Clock::now() - start;
 }
 
 TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
@@ -74,150 +64,107 @@ TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
   EXPECT_TRUE(VeltSplitCommandLine("  \t ").empty());
 }
 
-TEST(ChildProcess, GetsItsArgumentsDirectoryStreamsAndNothingElse) {
+TEST(ChildProcess, OptionsTheGeneratorLeavesAtTheirDefaults) {
   veltest::TempDir temp;
-  const std::string work = temp / "wörk dir";
-  ASSERT_EQ(mkdir(work.c_str(), 0755), 0);
-  const std::string records = temp / "records";
-  veltest::ScopedEnv actions("VEL_TEST_CHILD", "record=" + records + ";say=to out;warn=|to err");
-  // A descriptor without close-on-exec, as a careless library might leave one.
-  const int stray = open("/dev/null", O_RDONLY);
-  ASSERT_GE(stray, 3);
-
   CPipe pipe;
   ASSERT_TRUE(pipe.CreatePipe());
-  VeltProcessHandle handle = nullptr;
-  ASSERT_EQ(Start(veltest::ChildProgram(),
-                  {"-k", R"("/data/my design ü.mcm")", "plain", R"("")", "two words"}, handle,
-                  work + "/", pipe),
-            0);
-  AString output;
-  EXPECT_EQ(WaitForExit(handle, pipe, output), 0);
-  EXPECT_EQ(VEL_ANSI(output), "to out|to err");
-
-  std::vector<veltest::ChildRecord> started = veltest::ReadChildRecords(records);
-  ASSERT_EQ(started.size(), 1u);
-  const veltest::ChildRecord& child = started[0];
-  EXPECT_THAT(child.args, ElementsAre(veltest::ChildProgram(), "-k", "/data/my design ü.mcm",
-                                      "plain", "", "two", "words"));
-  EXPECT_EQ(child.cwd, work);
-  EXPECT_EQ(child.stdinTarget, "/dev/null");
-  EXPECT_EQ(child.fds, "0,1,2");
-  EXPECT_EQ(child.pgid, child.pid);
-  EXPECT_EQ(VeltProcessId(handle), child.pid);
-  EXPECT_FALSE(veltest::ProcessExists(child.pid)) << "an ended child is reaped";
-  EXPECT_TRUE(VeltCloseProcessHandle(handle));
-
-  // Asked to, the child keeps the descriptors that lack close-on-exec; the
-  // pipe's own ends never reach it.
-  ASSERT_EQ(Start(veltest::ChildProgram(), {}, handle, work, pipe, true), 0);
-  EXPECT_EQ(WaitForExit(handle, pipe, output), 0);
-  VeltCloseProcessHandle(handle);
-  started = veltest::ReadChildRecords(records);
-  ASSERT_EQ(started.size(), 2u);
-  EXPECT_THAT(Descriptors(started[1].fds), ::testing::Contains(stray));
-  close(stray);
-
-  // A given environment replaces the caller's; a given input file replaces
-  // /dev/null.
-  const std::string input = temp / "input";
+  // A given environment replaces the caller's, a given input file replaces
+  // /dev/null, and asked to, the child keeps the descriptors that lack
+  // close-on-exec (as a careless library might leave one); the pipe's own
+  // ends never reach it.
+  const std::string input = temp / "input", records = temp / "records";
   veltest::WriteFile(input, "in");
-  const std::string ownRecords = temp / "own records";
-  const std::string variable = "VEL_TEST_CHILD=record=" + ownRecords;
+  const std::string variable = "VEL_TEST_CHILD=record=" + records;
   const char* const environment[] = {variable.c_str(), nullptr};
-  AString argv0(veltest::ChildProgram());
-  ASSERT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(work), environment,
-                              input.c_str(), pipe.WriteHandle(), 0, false, true, true, nullptr),
-            0);
-  EXPECT_EQ(WaitForExit(handle, pipe, output), 0);
-  VeltCloseProcessHandle(handle);
-  EXPECT_EQ(veltest::ReadChildRecords(records).size(), 2u);
-  started = veltest::ReadChildRecords(ownRecords);
+  const int stray = open("/dev/null", O_RDONLY);
+  VeltProcessHandle handle = nullptr;
+  ASSERT_EQ(Start("", handle, pipe, temp.path(), true, environment, input.c_str()), 0);
+  close(stray);
+  VeltWaitForChildActivity({handle}, {}, 60000);  // until it has ended
+  EXPECT_TRUE(VeltCloseProcessHandle(handle));
+  const std::vector<veltest::ChildRecord> started = veltest::ReadChildRecords(records);
   ASSERT_EQ(started.size(), 1u);
   EXPECT_EQ(started[0].stdinTarget, input);
+  const std::string fds = "," + started[0].fds + ",";
+  EXPECT_NE(fds.find("," + std::to_string(stray) + ","), std::string::npos) << fds;
+  EXPECT_EQ(fds.find("," + std::to_string(pipe.ReadHandle()) + ","), std::string::npos) << fds;
 
-  // A missing working directory is not a missing program (that is 2).
-  EXPECT_EQ(Start(veltest::ChildProgram(), {}, handle, temp / "missing", pipe), ENOTDIR);
+  // A missing working directory is not a missing program (that is 2), and
+  // no creation flags exist here.
+  EXPECT_EQ(Start("", handle, pipe, temp / "missing"), ENOTDIR);
   EXPECT_EQ(handle, nullptr);
+  const AString argv0(veltest::ChildProgram());
   EXPECT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(), nullptr, nullptr,
                               kVeltNullPipeHandle, 1, false, true, true, nullptr),
-            EINVAL)
-      << "no creation flags exist here";
+            EINVAL);
 }
 
-TEST(ChildProcess, TerminatingATreeEndsAndReapsGrandchildren) {
-  veltest::TempDir temp;
+TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
   CPipe pipe;
-  pipe.CreatePipe();
-  VeltProcessHandle handle = nullptr;
-  const std::string grandchild = temp / "grandchild";
-
-  {
-    veltest::ScopedEnv actions("VEL_TEST_CHILD", "grandchild=" + grandchild + ";sleep=60000");
-    ASSERT_EQ(Start(veltest::ChildProgram(), {}, handle, temp.path(), pipe), 0);
-  }
-  const int group = VeltProcessId(handle);
-  ASSERT_TRUE(veltest::PollUntil([&] { return veltest::PathExists(grandchild); }, 30));
-  EXPECT_EQ(veltest::ProcessesInGroup(group).size(), 2u);
-  EXPECT_FALSE(VeltCloseProcessHandle(handle)) << "a running child keeps its handle";
-  EXPECT_NE(VeltTerminateProcessTree(handle), 0);
-  EXPECT_TRUE(veltest::ProcessesInGroup(group).empty()) << "nothing left, not even a zombie";
-  int code = 0;
-  ASSERT_NE(VeltGetProcessExitCode(handle, code), 0);
-  EXPECT_EQ(code, 128 + SIGKILL);
-  EXPECT_TRUE(VeltCloseProcessHandle(handle));
-
-  // A child that ended by itself may have left a grandchild running; ending
-  // its tree still ends that one.
-  unlink(grandchild.c_str());
-  {
-    veltest::ScopedEnv actions("VEL_TEST_CHILD", "grandchild=" + grandchild);
-    ASSERT_EQ(Start(veltest::ChildProgram(), {}, handle, temp.path(), pipe), 0);
-  }
-  const int secondGroup = VeltProcessId(handle);
-  AString output;
-  EXPECT_EQ(WaitForExit(handle, pipe, output), 0);
-  ASSERT_TRUE(veltest::PollUntil([&] { return veltest::PathExists(grandchild); }, 30));
-  EXPECT_EQ(veltest::LiveProcessesInGroup(secondGroup).size(), 1u);
-  VeltTerminateProcessTree(handle);
-  EXPECT_TRUE(veltest::ProcessesInGroup(secondGroup).empty());
-  VeltCloseProcessHandle(handle);
-}
-
-TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsOrPrints) {
-  using Clock = std::chrono::steady_clock;
-  veltest::TempDir temp;
-  CPipe pipe;
-  pipe.CreatePipe();
-  VeltProcessHandle handle = nullptr;
-  {
-    veltest::ScopedEnv actions("VEL_TEST_CHILD", "sleep=200");
-    ASSERT_EQ(Start(veltest::ChildProgram(), {}, handle, temp.path(), pipe), 0);
-  }
-  // Bounds far beyond the child's life, only so a broken wake-up fails
-  // instead of hanging: the wait ends because the child did.
-  auto start = Clock::now();
-  VeltWaitForChildActivity({handle}, {pipe.ReadHandle()}, 60000);
-  EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
+  ASSERT_TRUE(pipe.CreatePipe());
+  VeltProcessHandle ended = nullptr, printing = nullptr;
+  ASSERT_EQ(Start("sleep=200", ended, pipe), 0);
+  EXPECT_LT(TimeAsleep({ended}, pipe), std::chrono::seconds(30));
   int code = kVeltStillActive;
-  ASSERT_NE(VeltGetProcessExitCode(handle, code), 0);
+  ASSERT_NE(VeltGetProcessExitCode(ended, code), 0);
   EXPECT_EQ(code, 0);
 
   // A reaped child is left out; output waiting in a pipe ends the wait.
-  {
-    veltest::ScopedEnv actions("VEL_TEST_CHILD", "sleep=300;say=done;sleep=60000");
-    VeltProcessHandle printing = nullptr;
-    ASSERT_EQ(Start(veltest::ChildProgram(), {}, printing, temp.path(), pipe), 0);
-    start = Clock::now();
-    VeltWaitForChildActivity({handle, printing}, {pipe.ReadHandle()}, 60000);
-    EXPECT_LT(Clock::now() - start, std::chrono::seconds(30));
-    AString output;
-    drainPipe(pipe.ReadHandle(), output);
-    EXPECT_EQ(VEL_ANSI(output), "done");
-    VeltTerminateProcessTree(printing);
-    VeltCloseProcessHandle(printing);
-  }
-  VeltCloseProcessHandle(handle);
+  ASSERT_EQ(Start("sleep=300;say=done;sleep=60000", printing, pipe), 0);
+  EXPECT_LT(TimeAsleep({ended, printing}, pipe), std::chrono::seconds(30));
+  AString output;
+  drainPipe(pipe.ReadHandle(), output);
+  EXPECT_EQ(VEL_ANSI(output), "done");
+  VeltTerminateProcessTree(printing);
+  VeltCloseProcessHandle(printing);
+  VeltCloseProcessHandle(ended);
+
+  // An interrupt wakes a wait on a quiet pipe. The signal lands on the
+  // sending thread (this one blocks it), so only the handler's wake-up can
+  // end the wait.
+  InstallInterruptHandlers();
+  ClearInterruptRequest();
+  std::atomic<bool> blocked{false};
+  veltest::DelayedSignal interrupt(SIGTERM, [&] { return blocked.load(); });
+  sigset_t terminate, previous;
+  sigemptyset(&terminate);
+  sigaddset(&terminate, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &terminate, &previous);
+  blocked = true;
+  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 60000);
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  EXPECT_LT(Clock::now() - interrupt.sent(), std::chrono::seconds(30));
+  EXPECT_TRUE(InterruptRequested());
+  // Once the request is cleared, waits sleep again.
+  ClearInterruptRequest();
+  const auto start = Clock::now();
+  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 50);
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50));
+}
+
+TEST(Pipe, DrainTakesEverythingWaitingAndNeverWaits) {
+  CPipe pipe;
+  ASSERT_TRUE(pipe.CreatePipe());
+  ScopedAssertCapture asserts;
+  AString output;
+  // Nothing waiting while the write end is open: returns at once, empty.
+  EXPECT_EQ(drainPipe(pipe.ReadHandle(), output), 0);
+  EXPECT_TRUE(output.empty());
+  // More than one 14096-byte piece, with a two-byte character across the
+  // boundary of the first piece: the bytes come out as they went in.
+  std::string bytes(50000, 'x');
+  bytes.replace(14095, 2, "ü");
+  bytes[49999] = '\xff';  // not UTF-8 at all
+  ASSERT_EQ(write(pipe.WriteHandle(), bytes.data(), bytes.size()), 50000);
+  int count = 0;
+  char unused = 0;
+  EXPECT_EQ(CPipeCommunicator(pipe.ReadHandle()).Read(&unused, 1, count, false, 0, false), 0);
+  EXPECT_EQ(count, 50000) << "the query reports what waits and reads nothing";
+  EXPECT_EQ(drainPipe(pipe.ReadHandle(), output), 0);
+  EXPECT_EQ(drainPipe(pipe.ReadHandle(), output), 0);
+  EXPECT_EQ(VEL_ANSI(output), bytes);
+  EXPECT_TRUE(asserts.reports().empty());
+  EXPECT_NE(drainPipe(kVeltNullPipeHandle, output), 0);
 }
 
 }  // namespace

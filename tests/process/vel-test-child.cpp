@@ -1,8 +1,7 @@
 // vel-test-child: a child process for the process tests, standing in for
 // extracta. It ignores its arguments (it only records them) and does what the
 // environment variable VEL_TEST_CHILD says, a ";"-separated list run in order:
-//   record=FILE     append what it was started with to FILE (see below), and
-//                   its end time when it ends
+//   record=FILE     append a start line to FILE now and an end line at its end
 //   say=TEXT        print TEXT on standard output (no line end added)
 //   warn=TEXT       print TEXT on standard error
 //   print=N         print N bytes of numbered lines on standard output
@@ -10,33 +9,31 @@
 //   grandchild=FILE start a grandchild that sleeps for ten minutes; its
 //                   process id goes into FILE
 //   exit=N          end with exit code N once the list is done (default 0)
-// A record is lines "<pid>\t<key>\t<value>", written with one append each
-// time so that children sharing a file do not mix their lines. Keys: start
-// and end (CLOCK_MONOTONIC nanoseconds), pgid, cwd, stdin (what descriptor 0
-// is), fds (the open descriptors), arg (one per argv element, in order).
+// Record lines are fields each ended by a tab, written with one append each
+// so that children sharing a file do not mix them:
+//   start  pid  time  cwd  stdin-target  open-fds  argv[0]  argv[1] ...
+//   end    pid  time
+// (times in CLOCK_MONOTONIC nanoseconds, open-fds as "0,1,2").
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <string>
-#include <vector>
 
 namespace {
 
-long long Now() {
+std::string Now() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec * 1000000000LL + now.tv_nsec;
+  return std::to_string(now.tv_sec * 1000000000LL + now.tv_nsec);
 }
 
 void WriteAll(int fd, const std::string& text) {
-  std::size_t done = 0;
-  while (done < text.size()) {
+  for (std::size_t done = 0; done < text.size();) {
     const ssize_t n = write(fd, text.data() + done, text.size() - done);
     if (n <= 0) return;
     done += static_cast<std::size_t>(n);
@@ -50,57 +47,41 @@ void Append(const std::string& file, const std::string& text) {
   close(fd);
 }
 
-std::string LinkTarget(const std::string& link) {
-  char buffer[4096];
-  const ssize_t n = readlink(link.c_str(), buffer, sizeof buffer);
-  return n > 0 ? std::string(buffer, static_cast<std::size_t>(n)) : std::string();
-}
-
 std::string OpenDescriptors() {
-  std::vector<int> fds;
-  DIR* dir = opendir("/proc/self/fd");
-  if (!dir) return "";
-  const int own = dirfd(dir);
-  while (dirent* entry = readdir(dir)) {
-    if (entry->d_name[0] == '.') continue;
-    const int fd = std::atoi(entry->d_name);
-    if (fd != own) fds.push_back(fd);
-  }
-  closedir(dir);
   std::string text;
-  for (int fd : fds) text += (text.empty() ? "" : ",") + std::to_string(fd);
+  DIR* dir = opendir("/proc/self/fd");
+  while (dirent* entry = dir ? readdir(dir) : nullptr)
+    if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != dirfd(dir))
+      text += (text.empty() ? "" : ",") + std::string(entry->d_name);
+  if (dir) closedir(dir);
   return text;
 }
 
 std::string StartRecord(int argc, char** argv) {
-  const std::string pid = std::to_string(getpid()) + "\t";
-  char cwd[4096];
-  std::string text = pid + "start\t" + std::to_string(Now()) + "\n";
-  text += pid + "pgid\t" + std::to_string(getpgrp()) + "\n";
-  text += pid + "cwd\t" + (getcwd(cwd, sizeof cwd) ? cwd : "") + "\n";
-  text += pid + "stdin\t" + LinkTarget("/proc/self/fd/0") + "\n";
-  text += pid + "fds\t" + OpenDescriptors() + "\n";
-  for (int i = 0; i < argc; ++i) text += pid + "arg\t" + argv[i] + "\n";
-  return text;
+  char cwd[4096], input[4096];
+  const ssize_t n = readlink("/proc/self/fd/0", input, sizeof input);
+  std::string text = "start\t" + std::to_string(getpid()) + "\t" + Now() + "\t" +
+                     (getcwd(cwd, sizeof cwd) ? cwd : "") + "\t" +
+                     std::string(input, n > 0 ? static_cast<std::size_t>(n) : 0) + "\t" +
+                     OpenDescriptors() + "\t";
+  for (int i = 0; i < argc; ++i) text += std::string(argv[i]) + "\t";
+  return text + "\n";
 }
 
 void StartGrandchild(const std::string& pidFile) {
-  const pid_t pid = fork();
-  if (pid == 0) {
-    const std::string temporary = pidFile + ".tmp";
-    Append(temporary, std::to_string(getpid()));
-    rename(temporary.c_str(), pidFile.c_str());
-    sleep(600);
-    _exit(0);
-  }
+  if (fork() != 0) return;
+  const std::string temporary = pidFile + ".tmp";
+  Append(temporary, std::to_string(getpid()));
+  rename(temporary.c_str(), pidFile.c_str());
+  sleep(600);
+  _exit(0);
 }
 
-std::string Numbered(long long bytes) {
+std::string Numbered(std::size_t bytes) {
   std::string text;
-  text.reserve(static_cast<std::size_t>(bytes) + 32);
-  for (long long line = 0; static_cast<long long>(text.size()) < bytes; ++line)
+  for (long long line = 0; text.size() < bytes; ++line)
     text += "line " + std::to_string(line) + " of the child's output\n";
-  text.resize(static_cast<std::size_t>(bytes));
+  text.resize(bytes);
   return text;
 }
 
@@ -108,13 +89,11 @@ std::string Numbered(long long bytes) {
 
 int main(int argc, char** argv) {
   const char* actions = std::getenv("VEL_TEST_CHILD");
-  std::string list = actions ? actions : "";
+  const std::string list = actions ? actions : "";
   std::string recordFile;
   int exitCode = 0;
-  std::size_t start = 0;
-  while (start <= list.size()) {
-    std::size_t end = list.find(';', start);
-    if (end == std::string::npos) end = list.size();
+  for (std::size_t start = 0; start <= list.size();) {
+    const std::size_t end = std::min(list.find(';', start), list.size());
     const std::string action = list.substr(start, end - start);
     start = end + 1;
     const std::size_t equals = action.find('=');
@@ -123,12 +102,10 @@ int main(int argc, char** argv) {
     if (key == "record") {
       recordFile = value;
       Append(recordFile, StartRecord(argc, argv));
-    } else if (key == "say") {
-      WriteAll(1, value);
-    } else if (key == "warn") {
-      WriteAll(2, value);
+    } else if (key == "say" || key == "warn") {
+      WriteAll(key == "say" ? 1 : 2, value);
     } else if (key == "print") {
-      WriteAll(1, Numbered(std::atoll(value.c_str())));
+      WriteAll(1, Numbered(std::strtoull(value.c_str(), nullptr, 10)));
     } else if (key == "sleep") {
       const long long ms = std::atoll(value.c_str());
       timespec pause = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
@@ -141,6 +118,6 @@ int main(int argc, char** argv) {
     }
   }
   if (!recordFile.empty())
-    Append(recordFile, std::to_string(getpid()) + "\tend\t" + std::to_string(Now()) + "\n");
+    Append(recordFile, "end\t" + std::to_string(getpid()) + "\t" + Now() + "\t\n");
   return exitCode;
 }
