@@ -1,9 +1,12 @@
+// ExtractaExecutor: the working directory's name, place and removal, and the
+// one-process run with its failures. The local clock's time zone and two real
+// runs clashing are shown end to end (tests/e2e/WorkingDirRunTest.cpp).
+
 #include "executor/ExtractaExecutor.h"
 
 #include <sys/stat.h>
 
 #include <ctime>
-#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -27,130 +30,70 @@ long LocalSecondsNow() {
   return static_cast<long>(now) + local.tm_gmtoff;
 }
 
-// The single "extract<number>" entry of a directory, or "" when there is none.
-std::string OnlyWorkingDir(const std::string& base) {
-  std::string found;
-  for (const auto& name : ListDir(base))
-    if (name.rfind("extract", 0) == 0) {
-      if (!found.empty()) return "";
-      found = name;
-    }
-  return found;
-}
-
-// Sets the time zone of this process while it lives.
-class ScopedTimeZone {
- public:
-  explicit ScopedTimeZone(const std::string& zone) : env_(std::in_place, "TZ", zone) { tzset(); }
-  ~ScopedTimeZone() {
-    env_.reset();
-    tzset();
-  }
-
- private:
-  std::optional<ScopedEnv> env_;
-};
-
-long RunNumberOf(const std::string& directoryName) {
-  return std::stol(directoryName.substr(std::string("extract").size()));
-}
-
 // A stand-in for extracta: records its directory and arguments in `log`,
-// writes a small view file for every output argument (the arguments after the
-// switches, the design file and the control file) and exits with `exitCode`
-// after printing `message`.
+// writes a small view file for every output argument (those after the
+// switches, the design file and the control file) unless told not to, and
+// exits with `exitCode` after printing `message`.
 std::string WriteFakeExtracta(const TempDir& dir, const std::string& log, int exitCode = 0,
-                              const std::string& message = "") {
-  const std::string path = dir / "fake-extracta";
+                              const std::string& message = "", bool writesViews = true) {
+  const std::string path =
+      dir / ("extracta-" + std::to_string(exitCode) + (writesViews ? "" : "-n"));
   WriteFile(path,
-            "#!/bin/sh\n"
-            "{ pwd; for a in \"$@\"; do echo \"$a\"; done; } > '" +
-                log +
-                "'\n"
-                "shift 5\n"
-                "for f in \"$@\"; do printf 'A!X!\\r\\n' > \"$f\"; done\n"
-                "printf '%s' '" +
-                message + "'\nexit " + std::to_string(exitCode) + "\n");
+            "#!/bin/sh\n{ pwd; for a in \"$@\"; do echo \"$a\"; done; } > '" + log +
+                "'\nshift 5\n" +
+                (writesViews ? "for f in \"$@\"; do printf 'A!X!\\r\\n' > \"$f\"; done\n" : "") +
+                "printf '%s' '" + message + "'\nexit " + std::to_string(exitCode) + "\n");
   ::chmod(path.c_str(), 0755);
   return path;
 }
 
-TEST(ExtractaExecutorTest, AFreshExecutorOwnsNothingAndRemovesNothing) {
+// Every test starts without the debug variable: the executor removes its
+// working directory when destroyed.
+class ExecutorTest : public ::testing::Test {
+ protected:
+  ScopedEnv debug{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
   TempDir base;
-  {
-    ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-    ExtractaExecutor executor;
-    EXPECT_FALSE(executor.getWorkingDir().IsInitialized());
-    EXPECT_TRUE(executor.getErrorMessage().empty());
-    EXPECT_TRUE(executor.deleteWorkingDir());
-  }
-  EXPECT_TRUE(ListDir(base.path()).empty());
-  EXPECT_TRUE(PathExists(base.path()));
-}
+};
 
-TEST(ExtractaExecutorTest, WorkingDirIsNamedByLocalWallClockSecondsUnderTheBase) {
-  TempDir base;
-  ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-  // Five hours east of UTC: the run number is ahead of the UTC seconds by that much.
-  ScopedTimeZone zone("XST-5");
-  const long before = LocalSecondsNow();
-  const long utc = static_cast<long>(std::time(nullptr));
+TEST_F(ExecutorTest, WorkingDirIsNamedByLocalSecondsAndTheDebugVariableIsReadAtTheEnd) {
   {
     ExtractaExecutor executor;
-    ASSERT_TRUE(executor.createWorkingDir(AString(base.path() + "/")));
-    const long after = LocalSecondsNow();
-    const std::string name = OnlyWorkingDir(base.path());
-    ASSERT_FALSE(name.empty());
-    EXPECT_GE(RunNumberOf(name), before);
-    EXPECT_LE(RunNumberOf(name), after);
-    EXPECT_GE(RunNumberOf(name) - utc, 5 * 3600);
-    EXPECT_LE(RunNumberOf(name) - utc, 5 * 3600 + 5);
-    // No doubled separator between the base and "extract".
-    EXPECT_EQ(VEL_ANSI(executor.getWorkingDir().FilePath()), base.path() + "/" + name + "/");
+    EXPECT_FALSE(executor.getWorkingDir().IsInitialized());
+    EXPECT_TRUE(executor.deleteWorkingDir()) << "a fresh executor has nothing to remove";
+    // With or without the base's separator, none is doubled.
+    for (const char* separator : {"/", ""}) {
+      const long before = LocalSecondsNow();
+      ASSERT_TRUE(executor.createWorkingDir(AString(base.path() + separator)));
+      const std::vector<std::string> names = ListDir(base.path());
+      ASSERT_EQ(names.size(), 1u) << "a new working directory replaces the previous one";
+      const long number = std::stol(names[0].substr(std::string("extract").size()));
+      EXPECT_GE(number, before);
+      EXPECT_LE(number, LocalSecondsNow());
+      EXPECT_EQ(VEL_ANSI(executor.getWorkingDir().FilePath()),
+                base.path() + "/extract" + std::to_string(number) + "/");
+      WriteFile(base / names[0] + "/layer.txt", "S!1!\r\n");
+      // Debug mode keeps a run's directory at its end, not when it makes a new one.
+      setenv("VELTAR_EXTRACTA_DEBUG", "", 1);
+    }
+  }
+  // The variable is read when the executor goes: defined then, even empty,
+  // it keeps the directory; undefined then, the directory goes.
+  const std::vector<std::string> kept = ListDir(base.path());
+  ASSERT_EQ(kept.size(), 1u);
+  ::unlink((base / kept[0] + "/layer.txt").c_str());
+  ::rmdir((base / kept[0]).c_str());
+  {
+    ExtractaExecutor executor;
+    ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
+    WriteFile(VEL_ANSI(executor.getWorkingDir().FilePath()) + "conn.txt", "S!1!\r\n");
+    unsetenv("VELTAR_EXTRACTA_DEBUG");
   }
   EXPECT_TRUE(ListDir(base.path()).empty());
-}
-
-TEST(ExtractaExecutorTest, ANewWorkingDirReplacesTheExecutorsPreviousOne) {
-  TempDir first, second;
-  ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-  ExtractaExecutor executor;
-  ASSERT_TRUE(executor.createWorkingDir(AString(first.path())));
-  const std::string firstName = OnlyWorkingDir(first.path());
-  ASSERT_FALSE(firstName.empty());
-  WriteFile(first / firstName + "/layer.txt", "S!1!\r\n");
-
-  // Debug mode keeps a run's directory at its end, not when it makes a new one.
-  ScopedEnv keep("VELTAR_EXTRACTA_DEBUG", "");
-  ASSERT_TRUE(executor.createWorkingDir(AString(second.path())));
-  EXPECT_TRUE(ListDir(first.path()).empty());
-  EXPECT_FALSE(OnlyWorkingDir(second.path()).empty());
-}
-
-TEST(ExtractaExecutorTest, ABaseThatIsNotADirectoryIsReported) {
-  TempDir dir;
-  WriteFile(dir / "design.mcm", "J!\r\n");
-  for (const std::string& base : {dir / "missing", dir / "design.mcm"}) {
-    ScopedAssertCapture capture;
-    ExtractaExecutor executor;
-    std::vector<ActiveView> views;
-    EXPECT_FALSE(executor.createExtractaViews(AString(dir / "design.mcm"), AString(base),
-                                              kCellViews, {}, views));
-    EXPECT_TRUE(capture.Saw("ExtractaExecutor",
-                            "!\"VelLinkServer::createWorkingDir, can't find workingdirpath\""));
-    EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
-              "Could not find working directory at \"" + base + "\"");
-    EXPECT_FALSE(executor.getWorkingDir().IsInitialized());
-    EXPECT_TRUE(views.empty());
-  }
-  EXPECT_EQ(ListDir(dir.path()), std::vector<std::string>{"design.mcm"});
 }
 
 // Two runs on one base in one second compute the same name. The later one
 // fails, and neither it nor its destructor touches the earlier run's files.
-TEST(ExtractaExecutorTest, AClashingRunNeverRemovesTheDirectoryItDidNotCreate) {
-  TempDir base;
-  ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+TEST_F(ExecutorTest, AClashingRunNeverRemovesTheDirectoryItDidNotCreate) {
   // The earlier run's directories for every second this test may take.
   const long now = LocalSecondsNow();
   for (long n = now - 1; n <= now + 30; ++n) {
@@ -167,7 +110,6 @@ TEST(ExtractaExecutorTest, AClashingRunNeverRemovesTheDirectoryItDidNotCreate) {
         capture.Saw("ExtractaExecutor",
                     "!\"VelLinkServer::createExtractaViews, could not create working directory\""));
     // The name that could not be created stays the executor's working directory.
-    ASSERT_TRUE(executor.getWorkingDir().IsInitialized());
     const std::string clash = VEL_ANSI(executor.getWorkingDir().FilePath());
     EXPECT_EQ(clash.rfind(base.path() + "/extract", 0), 0u) << clash;
     EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
@@ -180,51 +122,23 @@ TEST(ExtractaExecutorTest, AClashingRunNeverRemovesTheDirectoryItDidNotCreate) {
     EXPECT_EQ(ReadFile(base / name + "/layer.txt"), "S!earlier!\r\n");
 }
 
-TEST(ExtractaExecutorTest, TheDebugVariableIsReadWhenTheExecutorIsDestroyed) {
-  TempDir base;
-  std::string kept;
-  {
-    ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-    ExtractaExecutor executor;
-    ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
-    kept = VEL_ANSI(executor.getWorkingDir().FilePath());
-    setenv("VELTAR_EXTRACTA_DEBUG", "", 1);  // defined, even empty, keeps it
-  }
-  EXPECT_TRUE(PathExists(kept));
-  ::rmdir(kept.c_str());
-
-  {
-    ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", "1");
-    ExtractaExecutor executor;
-    ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
-    WriteFile(VEL_ANSI(executor.getWorkingDir().FilePath()) + "conn.txt", "S!1!\r\n");
-    unsetenv("VELTAR_EXTRACTA_DEBUG");
-  }
-  EXPECT_TRUE(ListDir(base.path()).empty());
-}
-
-TEST(ExtractaExecutorTest, TheCellSetRunsOneExtractaOnOneControlFile) {
-  TempDir dir, tools;
-  ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+TEST_F(ExecutorTest, TheCellSetRunsOneExtractaOnOneControlFile) {
+  TempDir tools;
   const std::string log = tools / "log";
   ScopedEnv extracta("VELTAR_EXTRACTA_PATHOVERRIDE", WriteFakeExtracta(tools, log));
-  WriteFile(dir / "design.mcm", "J!\r\n");
+  WriteFile(base / "design.mcm", "J!\r\n");
 
   ExtractaExecutor executor;
   std::vector<ActiveView> views = {{kNet, AString("earlier")}};
-  ASSERT_TRUE(executor.createExtractaViews(AString(dir / "design.mcm"), AString(dir.path()),
+  ASSERT_TRUE(executor.createExtractaViews(AString(base / "design.mcm"), AString(base.path()),
                                            kCellViews, {AString("VDD")}, views))
       << VEL_ANSI(executor.getErrorMessage());
   const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
 
-  EXPECT_EQ(ListDir(work), (std::vector<std::string>{"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                                     "extracta_control.txt", "layer.txt"}));
-  const std::string control = ReadFile(work + "extracta_control.txt");
-  EXPECT_EQ(control.rfind("LAYER\r\n", 0), 0u);
-  EXPECT_NE(control.find("NET_NAME ='VDD'"), std::string::npos);
+  EXPECT_NE(ReadFile(work + "extracta_control.txt").find("NET_NAME ='VDD'"), std::string::npos);
 
   // The child ran in the working directory, with the output files in block order.
-  EXPECT_EQ(ReadFile(log), work.substr(0, work.size() - 1) + "\n-k\n-c\n-m\n" + dir.path() +
+  EXPECT_EQ(ReadFile(log), work.substr(0, work.size() - 1) + "\n-k\n-c\n-m\n" + base.path() +
                                "/design.mcm\n" + work + "extracta_control.txt\n" + work +
                                "layer.txt\n" + work + "cfullgeo.txt\n" + work + "cconn.txt\n" +
                                work + "diestack.txt\n");
@@ -236,33 +150,49 @@ TEST(ExtractaExecutorTest, TheCellSetRunsOneExtractaOnOneControlFile) {
   EXPECT_EQ(views[4], (ActiveView{kNet, AString("earlier")}));
 }
 
-TEST(ExtractaExecutorTest, AFailingExtractaIsReportedWithWhatItPrinted) {
-  TempDir dir, tools;
-  ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-  WriteFile(dir / "design.mcm", "J!\r\n");
-  const std::string fake = WriteFakeExtracta(tools, tools / "log", 3, "ERROR: bad view");
-
+TEST_F(ExecutorTest, FailuresAreReportedAndLeaveNothingBehind) {
+  TempDir tools;
+  WriteFile(base / "design.mcm", "J!\r\n");
+  const std::string failing = WriteFakeExtracta(tools, tools / "log", 3, "ERROR: bad view");
+  const std::string prefix = "extracta run failed: ";
+  const std::string noBase = "!\"VelLinkServer::createWorkingDir, can't find workingdirpath\"";
   struct Case {
-    std::string extracta;
-    std::string message;
+    std::string extracta, base, message, assertion;  // "@": the working directory
   } cases[] = {
-      {fake, "extracta run failed: " + fake + " exited with non-zero exit code 3: ERROR: bad view"},
-      {tools / "missing",
-       "extracta run failed: CreateProcess failed with error 2: Could not find application " +
-           tools / "missing"},
+      {failing, base.path(),
+       prefix + failing + " exited with non-zero exit code 3: ERROR: bad view", ""},
+      {tools / "missing", base.path(),
+       prefix + "CreateProcess failed with error 2: Could not find application " +
+           tools / "missing",
+       ""},
+      // A success without the view files is no success.
+      {WriteFakeExtracta(tools, tools / "log", 0, "", false), base.path(),
+       prefix + "extracta wrote no view file @layer.txt", ""},
+      {failing, base / "missing",
+       "Could not find working directory at \"" + base / "missing" + "\"", noBase},
+      {failing, base / "design.mcm",
+       "Could not find working directory at \"" + base / "design.mcm" + "\"", noBase},
   };
   for (const Case& c : cases) {
     ScopedEnv extracta("VELTAR_EXTRACTA_PATHOVERRIDE", c.extracta);
+    ScopedAssertCapture capture;
     std::vector<ActiveView> views;
     {
       ExtractaExecutor executor;
-      EXPECT_FALSE(executor.createExtractaViews(AString(dir / "design.mcm"), AString(dir.path()),
+      EXPECT_FALSE(executor.createExtractaViews(AString(base / "design.mcm"), AString(c.base),
                                                 kCellViews, {}, views));
-      EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()), c.message);
+      std::string expected = c.message;
+      if (expected.find('@') != std::string::npos)
+        expected.replace(expected.find('@'), 1, VEL_ANSI(executor.getWorkingDir().FilePath()));
+      EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()), expected);
       EXPECT_TRUE(views.empty());
-      EXPECT_TRUE(LFN_IsExistingDirectory(executor.getWorkingDir()));
+      // Without a base no working directory was made; otherwise it is there
+      // until the executor goes.
+      EXPECT_EQ(LFN_IsExistingDirectory(executor.getWorkingDir()), c.assertion.empty());
     }
-    EXPECT_EQ(ListDir(dir.path()), std::vector<std::string>{"design.mcm"});
+    EXPECT_EQ(capture.reports().size(), c.assertion.empty() ? 0u : 1u);
+    EXPECT_TRUE(c.assertion.empty() || capture.Saw("ExtractaExecutor", c.assertion));
+    EXPECT_EQ(ListDir(base.path()), std::vector<std::string>{"design.mcm"});
   }
 }
 

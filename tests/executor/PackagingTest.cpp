@@ -1,11 +1,22 @@
+// Packaging from the working directory's listing (which files a filter lets
+// through into the archive or the output directory, what a move replaces,
+// added files, how failures are reported), and the zip writer under it. A
+// full disk while the archive is written is shown end to end
+// (tests/faults/FileSystemFaultTest.cpp).
+
 #include <sys/stat.h>
 #include <unistd.h>
 #include <zip.h>
+
+#include <functional>
+#include <map>
+#include <random>
 
 #include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
 #include "core/VelAssert.h"
+#include "core/ZipArchive.h"
 #include "executor/ExtractaExecutor.h"
 #include "tests/support/TestSupport.h"
 
@@ -14,20 +25,37 @@ namespace {
 using veltest::ListDir;
 using veltest::PathExists;
 using veltest::ReadFile;
-using veltest::ScopedEnv;
-using veltest::TempDir;
 using veltest::WriteFile;
+using Names = std::vector<std::string>;
 
-// Entry names of an archive, sorted; throws when the file is not an archive.
-std::vector<std::string> ArchiveNames(const std::string& path) {
+// Every entry of an archive, read back through the library: name, data and
+// compression method. Throws when the file is not a consistent archive.
+struct Entry {
+  std::string data;
+  zip_uint16_t method;
+};
+std::map<std::string, Entry> ReadArchive(const std::string& path) {
   int error = 0;
   zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
   if (!archive) throw std::runtime_error("not an archive: " + path);
-  std::vector<std::string> names;
-  for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i)
-    names.push_back(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
+  std::map<std::string, Entry> entries;
+  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(zip_get_num_entries(archive, 0)); ++i) {
+    zip_stat_t st;
+    zip_stat_index(archive, i, 0, &st);
+    std::string data(st.size, '\0');
+    zip_file_t* file = zip_fopen_index(archive, i, 0);
+    if (st.size > 0) zip_fread(file, data.data(), st.size);
+    zip_fclose(file);
+    entries[st.name] = {data, st.comp_method};
+  }
   zip_close(archive);
-  std::sort(names.begin(), names.end());
+  return entries;
+}
+
+// The entry names of an archive, sorted.
+Names ArchiveNames(const std::string& path) {
+  Names names;
+  for (const auto& entry : ReadArchive(path)) names.push_back(entry.first);
   return names;
 }
 
@@ -48,121 +76,57 @@ class PackagingTest : public testing::Test {
     WriteFile(work_ + "extra/inside.txt", "not packed");
   }
 
-  // The entry name of a file of the working directory.
-  std::string Entry(const std::string& name) const { return (work_ + name).substr(1); }
+  // The entry names of files of the working directory.
+  Names Entries(const Names& names) const {
+    Names entries;
+    for (const std::string& name : names) entries.push_back((work_ + name).substr(1));
+    return entries;
+  }
 
-  ScopedEnv debug_{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
-  TempDir base_;
-  TempDir out_;
+  veltest::ScopedEnv debug_{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
+  veltest::TempDir base_, out_;
   ExtractaExecutor executor_;
   std::string work_;
+  ScopedAssertCapture capture_;
 };
 
 TEST_F(PackagingTest, ZipPacksTheTopLevelFilesThatCarryTheExactExtension) {
-  ScopedAssertCapture capture;
   const std::string vlx = out_ / "design.vlx";
   ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString(".txt")));
-  EXPECT_EQ(ArchiveNames(vlx),
-            (std::vector<std::string>{Entry("conn.txt"), Entry("extracta_control.txt"),
-                                      Entry("layer.txt")}));
-  EXPECT_TRUE(capture.reports().empty());
+  EXPECT_EQ(ArchiveNames(vlx), Entries({"conn.txt", "extracta_control.txt", "layer.txt"}));
   // The working directory is left as it was; its owner removes it.
   EXPECT_EQ(ListDir(work_).size(), 6u);
 
   // Without a filter everything on the top level goes, the subdirectory as an
   // entry of its own without its contents.
   ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString()));
-  EXPECT_EQ(ArchiveNames(vlx),
-            (std::vector<std::string>{Entry("README"), Entry("conn.txt"), Entry("extra/"),
-                                      Entry("extracta_control.txt"), Entry("layer.txt"),
-                                      Entry("notes.TXT")}));
-}
-
-TEST_F(PackagingTest, ZipFailuresAreReportedAndLeaveNoArchive) {
-  {
-    ScopedAssertCapture capture;
-    EXPECT_FALSE(executor_.zipActiveViews(AString(out_.path()), AString(".txt")));
-    EXPECT_TRUE(capture.Saw("ExtractaExecutor", "!fs::is_directory(outpath)"));
-    EXPECT_TRUE(capture.Saw("ExtractaExecutor", "!\"open archive failed\""));
-    EXPECT_TRUE(ListDir(out_.path()).empty());
-  }
-  {
-    // A view file that cannot be read: the archive is abandoned.
-    ::symlink((work_ + "missing").c_str(), (work_ + "broken.txt").c_str());
-    ScopedAssertCapture capture;
-    EXPECT_FALSE(executor_.zipActiveViews(AString(out_ / "design.vlx"), AString(".txt")));
-    EXPECT_TRUE(capture.Saw("ExtractaExecutor",
-                            "!\"ExtractaExecutor::zipActiveViews, error with boost::filesystem\""));
-    EXPECT_TRUE(ListDir(out_.path()).empty());
-  }
-}
-
-TEST_F(PackagingTest, WithoutAWorkingDirectoryThereIsNothingToPack) {
-  ExtractaExecutor fresh;
-  const std::string vlx = out_ / "empty.vlx";
-  EXPECT_TRUE(fresh.zipActiveViews(AString(vlx), AString(".txt")));
-  EXPECT_TRUE(ArchiveNames(vlx).empty());
-  EXPECT_TRUE(fresh.moveActiveViews(AString(out_.path()), AString(".txt")));
-  EXPECT_EQ(ListDir(out_.path()), std::vector<std::string>{"empty.vlx"});
-  EXPECT_FALSE(fresh.addFilesToWorkingDir({AString(vlx)}));
-
-  // The same once the directory has gone.
-  ASSERT_TRUE(executor_.deleteWorkingDir());
-  EXPECT_TRUE(executor_.zipActiveViews(AString(vlx), AString(".txt")));
-  EXPECT_TRUE(ArchiveNames(vlx).empty());
-  EXPECT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString()));
-  EXPECT_FALSE(executor_.addFilesToWorkingDir({AString(vlx)}));
+  EXPECT_EQ(ArchiveNames(vlx), Entries({"README", "conn.txt", "extra/", "extracta_control.txt",
+                                        "layer.txt", "notes.TXT"}));
+  EXPECT_TRUE(capture_.reports().empty());
 }
 
 TEST_F(PackagingTest, MoveReplacesFilesOfTheSameNameAndLeavesFilteredOnesBehind) {
   WriteFile(out_ / "conn.txt", "S!older!\r\n");
   WriteFile(out_ / "other.txt", "untouched");
-  ScopedAssertCapture capture;
   ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString(".txt")));
-  EXPECT_TRUE(capture.reports().empty());
-  EXPECT_EQ(ListDir(out_.path()), (std::vector<std::string>{"conn.txt", "extracta_control.txt",
-                                                            "layer.txt", "other.txt"}));
+  EXPECT_EQ(ListDir(out_.path()),
+            (Names{"conn.txt", "extracta_control.txt", "layer.txt", "other.txt"}));
   EXPECT_EQ(ReadFile(out_ / "conn.txt"), "S!conn!\r\n");
   EXPECT_EQ(ReadFile(out_ / "other.txt"), "untouched");
-  EXPECT_EQ(ListDir(work_), (std::vector<std::string>{"README", "extra", "notes.TXT"}));
+  EXPECT_EQ(ListDir(work_), (Names{"README", "extra", "notes.TXT"}));
 
   // Without a filter the rest follows, the subdirectory with its contents.
   ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString()));
   EXPECT_TRUE(ListDir(work_).empty());
   EXPECT_EQ(ReadFile(out_ / "extra/inside.txt"), "not packed");
-}
-
-TEST_F(PackagingTest, MoveFailuresAreReportedAndKeepWhatWasMoved) {
-  {
-    ScopedAssertCapture capture;
-    EXPECT_FALSE(executor_.moveActiveViews(AString(out_ / "missing"), AString(".txt")));
-    EXPECT_TRUE(capture.Saw("ExtractaExecutor", "fs::is_directory(outpath)"));
-    EXPECT_TRUE(
-        capture.Saw("ExtractaExecutor",
-                    "!\"ExtractaExecutor::moveActiveViews, error with boost::filesystem\""));
-    EXPECT_EQ(ListDir(work_).size(), 6u);
-  }
-  {
-    // A directory in the way of one view file cannot be replaced by it.
-    ::mkdir((out_ / "layer.txt").c_str(), 0777);
-    WriteFile(out_ / "layer.txt/keep", "");
-    ScopedAssertCapture capture;
-    EXPECT_FALSE(executor_.moveActiveViews(AString(out_.path()), AString(".txt")));
-    EXPECT_TRUE(
-        capture.Saw("ExtractaExecutor",
-                    "!\"ExtractaExecutor::moveActiveViews, error with boost::filesystem\""));
-    EXPECT_TRUE(PathExists(work_ + "layer.txt"));
-    EXPECT_TRUE(PathExists(out_ / "layer.txt/keep"));
-  }
+  EXPECT_TRUE(capture_.reports().empty());
 }
 
 TEST_F(PackagingTest, AddedFilesAreCopiedInOrderAndMissingOnesSkipped) {
   WriteFile(out_ / "stackup.csv", "1,2,3");
   WriteFile(out_ / "layer.txt", "an added view");
-  ScopedAssertCapture capture;
   EXPECT_TRUE(executor_.addFilesToWorkingDir(
       {AString(out_ / "stackup.csv"), AString(out_ / "nothing.here")}));
-  EXPECT_TRUE(capture.reports().empty());
   EXPECT_EQ(ReadFile(work_ + "stackup.csv"), "1,2,3");
   EXPECT_FALSE(PathExists(work_ + "nothing.here"));
 
@@ -175,6 +139,128 @@ TEST_F(PackagingTest, AddedFilesAreCopiedInOrderAndMissingOnesSkipped) {
       boost::filesystem::filesystem_error);
   EXPECT_EQ(ReadFile(work_ + "layer.txt"), "S!layer!\r\n");
   EXPECT_EQ(ReadFile(work_ + "first.dat"), "copied before the clash");
+  EXPECT_TRUE(capture_.reports().empty());
+}
+
+TEST_F(PackagingTest, FailuresAreReportedAndKeepWhatWasThere) {
+  // A failure returns false with exactly these assertion reports, and leaves
+  // the output location as given: no partial archive, nothing replaced.
+  const auto fails = [&](const char* what, bool packed, const Names& asserts, const Names& out) {
+    SCOPED_TRACE(what);
+    EXPECT_FALSE(packed);
+    EXPECT_EQ(capture_.reports().size(), asserts.size());
+    for (const std::string& assertion : asserts)
+      EXPECT_TRUE(capture_.Saw("ExtractaExecutor", assertion)) << assertion;
+    capture_.Clear();
+    EXPECT_EQ(ListDir(out_.path()), out);
+    EXPECT_TRUE(PathExists(work_ + "layer.txt") && PathExists(work_ + "notes.TXT"));
+  };
+  const std::string zipFailed =
+      "!\"ExtractaExecutor::zipActiveViews, error with boost::filesystem\"";
+  const std::string moveFailed =
+      "!\"ExtractaExecutor::moveActiveViews, error with boost::filesystem\"";
+  fails("zip onto a directory", executor_.zipActiveViews(AString(out_.path()), AString(".txt")),
+        {"!fs::is_directory(outpath)", "!\"open archive failed\""}, {});
+  ::symlink((work_ + "missing").c_str(), (work_ + "broken.txt").c_str());
+  fails("a view that cannot be read abandons the archive",
+        executor_.zipActiveViews(AString(out_ / "design.vlx"), AString(".txt")), {zipFailed}, {});
+  fails("move into a missing directory",
+        executor_.moveActiveViews(AString(out_ / "missing"), AString(".txt")),
+        {"fs::is_directory(outpath)", moveFailed}, {});
+  ::mkdir((out_ / "notes.TXT").c_str(), 0777);
+  WriteFile(out_ / "notes.TXT/keep", "");
+  fails("move onto a directory in the way",
+        executor_.moveActiveViews(AString(out_.path()), AString(".TXT")), {moveFailed},
+        {"notes.TXT"});
+  EXPECT_TRUE(PathExists(out_ / "notes.TXT/keep"));
+}
+
+TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsoluteNormalisedPathWithoutRoot) {
+  veltest::TempDir dir;
+  ::mkdir((dir / "run").c_str(), 0777);
+  ::mkdir((dir / "run/sub").c_str(), 0777);
+  WriteFile(dir / "run/layer.txt", "A!LAYER_SORT!\r\nS!1!\r\n");
+  WriteFile(dir / "run/sub/inside.txt", "stored");
+  std::string noise(100000, '\0');
+  std::mt19937 random(7);
+  for (char& c : noise) c = static_cast<char>(random());
+  WriteFile(dir / "run/noise.bin", noise);
+
+  const std::string out = dir / "out.zip";
+  CZipArchive archive;
+  archive.Open(out, CZipArchive::kCreate, 0);
+  archive.AddNewFile(dir / "run/layer.txt", CZipArchive::kDefaultLevel, true, 7, 65536);
+  archive.AddNewFile(dir / "run/./sub/../noise.bin", CZipArchive::kDefaultLevel, true);
+  archive.AddNewFile(dir / "run/sub/", CZipArchive::kDefaultLevel, true);  // not its contents
+  archive.AddNewFile(dir / "run/sub/inside.txt", 0, false);
+  archive.Close(0, false);
+
+  const auto entries = ReadArchive(out);
+  const std::string run = (dir / "run/").substr(1);
+  EXPECT_EQ(ArchiveNames(out),
+            (Names{"inside.txt", run + "layer.txt", run + "noise.bin", run + "sub/"}));
+  EXPECT_EQ(entries.at(run + "layer.txt").data, "A!LAYER_SORT!\r\nS!1!\r\n");
+  EXPECT_EQ(entries.at(run + "layer.txt").method, ZIP_CM_DEFLATE);
+  // The default level is deflate's own, 6, not the slowest: the first local
+  // header's flag bits 1-2 say "normal" (9 would say "maximum").
+  EXPECT_EQ(ReadFile(out).at(6) & 0x06, 0);
+  // Incompressible data is still deflated: the level is the default, not "store if larger".
+  EXPECT_EQ(entries.at(run + "noise.bin").data, noise);
+  EXPECT_EQ(entries.at(run + "noise.bin").method, ZIP_CM_DEFLATE);
+  EXPECT_EQ(entries.at("inside.txt").method, ZIP_CM_STORE);
+  // ".." never climbs above the root.
+  EXPECT_EQ(ZipEntryName("/../../a//b/./c.txt"), "a/b/c.txt");
+}
+
+TEST(ZipArchiveTest, TheOutputPathChangesOnlyWhenAnArchiveIsClosedWell) {
+  veltest::TempDir dir;
+  WriteFile(dir / "view.txt", "S!new!\r\n");
+  WriteFile(dir / "going.txt", "S!1!\r\n");
+  const std::string out = dir / "out.vlx";
+  WriteFile(out, "an older archive");
+  const std::vector<std::function<void(CZipArchive&)>> waysToGiveUp = {
+      // A failed addition, then destroyed without a close.
+      [&](CZipArchive& archive) {
+        EXPECT_THROW(archive.AddNewFile(dir / "missing.txt", -1, true), CZipException);
+      },
+      [&](CZipArchive& archive) { archive.Close(1, false); },
+      // A file that went away before the archive was written fails the close.
+      [&](CZipArchive& archive) {
+        ::unlink((dir / "going.txt").c_str());
+        EXPECT_THROW(archive.Close(), CZipException);
+        EXPECT_FALSE(archive.IsOpen());
+      },
+  };
+  for (const auto& giveUp : waysToGiveUp) {
+    {
+      CZipArchive archive;
+      archive.Open(out, CZipArchive::kCreate, 0);
+      archive.AddNewFile(dir / "going.txt", -1, true);
+      giveUp(archive);
+    }
+    EXPECT_EQ(ReadFile(out), "an older archive");
+    EXPECT_EQ(ListDir(dir.path()).size(), veltest::PathExists(dir / "going.txt") ? 3u : 2u)
+        << "no temporary file is left";
+  }
+
+  CZipArchive archive;
+  archive.Open(out, CZipArchive::kCreate, 0);
+  archive.AddNewFile(dir / "view.txt", CZipArchive::kDefaultLevel, true);
+  EXPECT_EQ(ReadFile(out), "an older archive");
+  archive.Close();
+  EXPECT_EQ(ArchiveNames(out), Names{(dir / "view.txt").substr(1)});
+
+  // An archive without entries is still written, with the mode the user's
+  // umask gives a new file.
+  archive.Open(out, CZipArchive::kCreate, 0);
+  archive.Close(0, false);
+  EXPECT_TRUE(ReadArchive(out).empty());
+  struct stat st;
+  ASSERT_EQ(stat(out.c_str(), &st), 0);
+  const mode_t mask = umask(0);
+  umask(mask);
+  EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
+  EXPECT_EQ(ListDir(dir.path()), (Names{"out.vlx", "view.txt"}));
 }
 
 }  // namespace
