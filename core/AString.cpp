@@ -50,11 +50,11 @@ std::wstring VFormatWide(const wchar_t* format, va_list args) {
       continue;
     }
     const wchar_t* specStart = p++;
-    std::string spec = "%";  // the narrow printf spec for numeric conversions
+    std::string printfConversion = "%";  // the narrow printf form of a numeric conversion
     bool leftAlign = false;
     while (*p && std::wcschr(L"-+ #0", *p)) {
       leftAlign |= *p == L'-';
-      spec += static_cast<char>(*p++);
+      printfConversion += static_cast<char>(*p++);
     }
     int width = 0;
     if (*p == L'*') {
@@ -63,27 +63,27 @@ std::wstring VFormatWide(const wchar_t* format, va_list args) {
         leftAlign = true;
         width = -width;
       }
-      spec += std::to_string(width);
+      printfConversion += std::to_string(width);
       ++p;
     } else {
       while (*p >= L'0' && *p <= L'9') {
         width = width * 10 + (*p - L'0');
-        spec += static_cast<char>(*p++);
+        printfConversion += static_cast<char>(*p++);
       }
     }
     int precision = -1;
     if (*p == L'.') {
-      spec += '.';
+      printfConversion += '.';
       ++p;
       precision = 0;
       if (*p == L'*') {
         precision = va_arg(args, int);
-        spec += std::to_string(precision < 0 ? 0 : precision);
+        printfConversion += std::to_string(precision < 0 ? 0 : precision);
         ++p;
       } else {
         while (*p >= L'0' && *p <= L'9') {
           precision = precision * 10 + (*p - L'0');
-          spec += static_cast<char>(*p++);
+          printfConversion += static_cast<char>(*p++);
         }
       }
     }
@@ -129,25 +129,28 @@ std::wstring VFormatWide(const wchar_t* format, va_list args) {
         const char conv = static_cast<char>(conversion);
         const bool isSigned = conv == 'd' || conv == 'i';
         if (length == "ll" || length == "j") {
-          spec += "ll";
-          spec += conv;
+          printfConversion += "ll";
+          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, long long));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, long long));
           else
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, unsigned long long));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
+                          va_arg(args, unsigned long long));
         } else if (length == "l" || length == "z" || length == "t") {
-          spec += 'l';
-          spec += conv;
+          printfConversion += 'l';
+          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, long));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, long));
           else
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, unsigned long));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
+                          va_arg(args, unsigned long));
         } else {
-          spec += conv;
+          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, int));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, int));
           else
-            std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, unsigned int));
+            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
+                          va_arg(args, unsigned int));
         }
         out += WidenText(buffer, std::char_traits<char>::length(buffer));
         break;
@@ -160,17 +163,17 @@ std::wstring VFormatWide(const wchar_t* format, va_list args) {
       case L'G':
       case L'a':
       case L'A':
-        spec += static_cast<char>(conversion);
+        printfConversion += static_cast<char>(conversion);
         if (length == "L")
-          std::snprintf(buffer, sizeof buffer, ("%L" + spec.substr(1)).c_str(),
+          std::snprintf(buffer, sizeof buffer, ("%L" + printfConversion.substr(1)).c_str(),
                         va_arg(args, long double));
         else
-          std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, double));
+          std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, double));
         out += WidenText(buffer, std::char_traits<char>::length(buffer));
         break;
       case L'p':
-        spec += 'p';
-        std::snprintf(buffer, sizeof buffer, spec.c_str(), va_arg(args, void*));
+        printfConversion += 'p';
+        std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, void*));
         out += WidenText(buffer, std::char_traits<char>::length(buffer));
         break;
       default:  // not a conversion: keep the text as written
