@@ -10,8 +10,11 @@
 //   //   (continued on indented comment lines)
 // directly above the TEST, or with a line
 //   // Proof: tests/<file>.cpp Suite.Name
-// when a test elsewhere proves the row. scripts/reliability-doc builds the
-// table from these blocks, and a test fails when the committed page differs.
+// when another test (often a table holding several rows) proves the row.
+// scripts/reliability-doc builds the table from these blocks, and a test
+// fails when the committed page differs.
+
+#include <sys/stat.h>
 
 #include <map>
 #include <string>
@@ -19,17 +22,26 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/faults/FaultRun.h"
+#include "tests/support/RunCheck.h"
 
 namespace faults {
 
+using namespace veltest;
+
+const char kViewCreationFailed[] = "view creation failed (1).\n";
+const char kPackagingFailed[] = "view creation failed (2).\n";
+
 class FaultMatrix : public ::testing::Test {
  protected:
-  void SetUp() override;
+  void SetUp() override {
+    WriteFile(design(), ReadFile(SampleDesign()));
+    ASSERT_EQ(mkdir(outDir().c_str(), 0777), 0);
+    WriteFile(archive(), "the archive of an earlier run");
+    WriteFile(dir / "out/notes.txt", "the user's own notes");
+    outBefore = Snapshot(outDir());
+  }
 
-  // dir/pkg.mcm, a copy of the sample design.
   std::string design() const { return dir / "pkg.mcm"; }
-  // dir/out/pkg.vlx, which holds an earlier archive's bytes.
   std::string archive() const { return dir / "out/pkg.vlx"; }
   std::string outDir() const { return dir / "out"; }
 
@@ -38,14 +50,21 @@ class FaultMatrix : public ::testing::Test {
   // no working directory beside the design or in the output directory, and
   // the output directory as it was before the run.
   void ExpectCleanFailure(ProgramRun& run, const std::string& failureLine,
-                          bool packagingFailed = false);
+                          bool packagingFailed = false) {
+    ExpectOutcome(run, 1, packagingFailed, failureLine);
+    EXPECT_EQ(WorkingDirs(dir.path()), std::vector<std::string>{});
+    EXPECT_EQ(Snapshot(outDir()), outBefore);
+  }
 
   // What a successful run must show: exit code 0, the success line alone, no
   // process of the run left and no working directory beside the design.
-  void ExpectCleanSuccess(ProgramRun& run);
+  void ExpectCleanSuccess(ProgramRun& run) {
+    ExpectOutcome(run, 0, true, "");
+    EXPECT_EQ(WorkingDirs(dir.path()), std::vector<std::string>{});
+  }
 
-  veltest::TempDir dir;
-  std::map<std::string, std::string> outBefore;  // Snapshot(outDir()) after SetUp
+  TempDir dir;
+  std::map<std::string, std::string> outBefore;
 };
 
 }  // namespace faults

@@ -1,6 +1,6 @@
 // The fault matrix, file system faults: directories the program may not
-// write, an output path whose directory is missing, and a disk that fills up
-// while the program itself writes.
+// write, output paths it cannot deliver to, and a disk that fills up while
+// the program itself writes.
 //
 // "Not writable" needs an unprivileged user: when the tests run as root, the
 // program runs as "nobody" for these rows (see LaunchOptions::unprivileged),
@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <boost/filesystem.hpp>
 
 #include "tests/faults/FaultMatrix.h"
@@ -20,49 +19,13 @@
 namespace faults {
 namespace {
 
-const char kViewCreationFailed[] = "view creation failed (1).\n";
-const char kPackagingFailed[] = "view creation failed (2).\n";
-
-class FileSystemFaults : public FaultMatrix {
- protected:
-  void SetUp() override {
-    FaultMatrix::SetUp();
-    // Another user must reach the test's files (mkdtemp gives 0700).
-    chmod(dir.path().c_str(), 0755);
-  }
-
-  static void MakeWritable(const std::string& path) { ASSERT_EQ(chmod(path.c_str(), 0777), 0); }
-  static void MakeReadOnly(const std::string& path) { ASSERT_EQ(chmod(path.c_str(), 0555), 0); }
-
-  LaunchOptions Unprivileged() const {
-    LaunchOptions options;
-    options.unprivileged = true;
-    return options;
-  }
-
-  // The size of the largest file of a kept working directory whose name
-  // starts with `prefix`.
-  static long long LargestFile(const std::string& workingDir, const std::string& prefix) {
-    long long largest = 0;
-    for (const std::string& name : veltest::ListDir(workingDir)) {
-      if (name.rfind(prefix, 0) != 0) continue;
-      largest = std::max<long long>(largest, veltest::ReadFile(workingDir + "/" + name).size());
-    }
-    return largest;
-  }
-};
+using FileSystemFaults = FaultMatrix;
 
 // Row: the base directory (beside the design) is not writable
 // Outcome: exit 1, "view creation failed (1).": the working directory cannot
 //   be created, no extracta starts, and the archive already at the output
 //   path is left as it was.
-TEST_F(FileSystemFaults, BaseDirectoryNotWritable) {
-  MakeWritable(outDir());
-  MakeReadOnly(dir.path());
-  ProgramRun run({"-z", design(), archive()}, Unprivileged());
-  ExpectCleanFailure(run, kViewCreationFailed);
-}
-
+// Proof: tests/faults/FileSystemFaultTest.cpp FileSystemFaults.UnwritableDirectories
 // Row: the output directory is not writable
 // Outcome: moving into it: exit 1, "view creation failed (1).", since the
 //   working directory is made inside an output directory and cannot be;
@@ -70,27 +33,47 @@ TEST_F(FileSystemFaults, BaseDirectoryNotWritable) {
 //   beside the design, then exit 1 with the success line followed by
 //   "view creation failed (2)."; the earlier archive there is left as it
 //   was and the working directory is removed.
-TEST_F(FileSystemFaults, OutputDirectoryNotWritable) {
-  MakeReadOnly(outDir());
-  ProgramRun move({"-cell", design(), outDir()}, Unprivileged());
-  ExpectCleanFailure(move, kViewCreationFailed);
-
-  MakeWritable(dir.path());
-  ProgramRun zip({"-z", design(), archive()}, Unprivileged());
-  ExpectCleanFailure(zip, kPackagingFailed, /*packagingFailed=*/true);
+TEST_F(FileSystemFaults, UnwritableDirectories) {
+  struct Row {
+    mode_t designDirMode;
+    mode_t outDirMode;
+    std::vector<std::string> args;
+    bool packagingFailed;
+  };
+  const std::vector<Row> rows = {
+      {0555, 0777, {"-z", design(), archive()}, false},
+      {0755, 0555, {"-cell", design(), outDir()}, false},
+      {0777, 0555, {"-z", design(), archive()}, true},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.args.back());
+    ASSERT_EQ(chmod(dir.path().c_str(), row.designDirMode), 0);
+    ASSERT_EQ(chmod(outDir().c_str(), row.outDirMode), 0);
+    LaunchOptions unprivileged;
+    unprivileged.unprivileged = true;
+    ProgramRun run(row.args, unprivileged);
+    ExpectCleanFailure(run, row.packagingFailed ? kPackagingFailed : kViewCreationFailed,
+                       row.packagingFailed);
+  }
 }
 
-// Row: the output path is in a directory that does not exist
+// Row: the output path is in a directory that does not exist, is an existing
+//   directory when zipping, or names no directory when moving
 // Outcome: exit 1, the success line followed by "view creation failed (2).":
 //   the archive cannot be opened, or the views cannot be moved, and nothing
 //   is created on the way (no directory, no partial archive); the working
-//   directory is removed.
-TEST_F(FileSystemFaults, OutputPathInAMissingDirectory) {
-  ProgramRun zip({"-z", design(), outDir() + "/missing/pkg.vlx"});
-  ExpectCleanFailure(zip, kPackagingFailed, /*packagingFailed=*/true);
-
-  ProgramRun move({design(), outDir() + "/missing/views"});
-  ExpectCleanFailure(move, kPackagingFailed, /*packagingFailed=*/true);
+//   directory, beside the design or in the output directory, is removed.
+TEST_F(FileSystemFaults, OutputPathsThatCannotBeDeliveredTo) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"-z", design(), outDir() + "/missing/pkg.vlx"},
+                                             {design(), outDir() + "/missing/views"},
+                                             {"-cell", "-z", design(), outDir()},
+                                             {"-cell", design(), dir / "none"}}) {
+    SCOPED_TRACE(args.back());
+    ProgramRun run(args);
+    ExpectCleanFailure(run, kPackagingFailed, /*packagingFailed=*/true);
+    EXPECT_FALSE(PathExists(dir / "none"));
+  }
 }
 
 // Row: the disk fills up during the merge of the connectivity pieces
@@ -107,14 +90,19 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringTheMerge) {
   ASSERT_EQ(measure.Wait().exitCode, 0);
   const std::vector<std::string> kept = WorkingDirs(dir.path());
   ASSERT_EQ(kept.size(), 1u);
-  const long long merged = LargestFile(dir / kept[0], "conn.txt");
-  const long long controls = LargestFile(dir / kept[0], "extracta_control");
+  long long merged = 0, controls = 0;
+  for (const std::string& name : ListDir(dir / kept[0])) {
+    const long long size = static_cast<long long>(ReadFile(dir / kept[0] + "/" + name).size());
+    if (name == "conn.txt") merged = size;
+    if (name.rfind("extracta_control", 0) == 0) controls = std::max(controls, size);
+  }
   boost::filesystem::remove_all(dir / kept[0]);
   ASSERT_LT(controls, merged / 2);
 
   LaunchOptions full;
   full.fileSizeLimit = merged / 2;
-  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = UnlimitedExtractor(dir.path());
+  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
+      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
   ProgramRun run({"-z", design(), archive()}, full);
   ExpectCleanFailure(run, kViewCreationFailed);
 }
@@ -127,11 +115,10 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringTheMerge) {
 TEST_F(FileSystemFaults, DiskFillsUpDuringZipping) {
   ProgramRun measure({"-z", "-cell", design(), dir / "measured.vlx"});
   ASSERT_EQ(measure.Wait().exitCode, 0);
-  const long long archiveSize = veltest::ReadFile(dir / "measured.vlx").size();
-
   LaunchOptions full;
-  full.fileSizeLimit = archiveSize / 2;
-  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = UnlimitedExtractor(dir.path());
+  full.fileSizeLimit = static_cast<long long>(ReadFile(dir / "measured.vlx").size()) / 2;
+  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
+      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
   ProgramRun run({"-z", "-cell", design(), archive()}, full);
   ExpectCleanFailure(run, kPackagingFailed, /*packagingFailed=*/true);
 }
