@@ -1,119 +1,136 @@
-// The default run end to end, through the built program and the stand-in
-// extractor: which processes start and in which order, how many at once, what
-// the merged connectivity file holds, and what the archive holds.
+// The default run: which processes start and in which order, how many at
+// once, what the merged connectivity file and the archive hold, end to end
+// through the built program and the stand-in extractor; and the texts the
+// executor keeps for each kind of failure, which only the executor shows. (A
+// child failing anywhere ends the whole run cleanly: the fault matrix,
+// ExtractorFaults.ChildFailures, proves that end to end.)
 
-#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "core/AString.h"
+#include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
-#include "tests/parallel/DefaultRunSupport.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/RunCheck.h"
+#include "views/ViewTypes.h"
 
 namespace {
 
-using defaultrun::ExpectedControlFiles;
-using defaultrun::FieldValues;
-using defaultrun::NetClass;
-using defaultrun::ProgramRun;
-using defaultrun::SortedRecords;
-using defaultrun::SplitHeader;
+using namespace veltest;
+
+// The error the stand-in for copy_file_range below fails with; 0: none.
+std::atomic<int> gKernelCopyError{0};
+
+const char* const kOtherViews[] = {"layer",     "paddef",  "fullgeo",      "diestack",  "net",
+                                   "component", "outline", "compositepad", "logicalpin"};
+
+// The control file names the default run must start, in start order, for the
+// split nets' sanitised names.
+std::vector<std::string> ExpectedControlFiles(const std::vector<std::string>& splitNets) {
+  std::vector<std::string> names;
+  for (const char* view : kOtherViews)
+    names.push_back(std::string("extracta_control_") + view + ".txt");
+  names.push_back("extracta_control_connnets.txt");
+  for (std::size_t i = 0; i < splitNets.size(); ++i) {
+    for (const char* group : {"CONDUCTOR_ETCH", "PIN", "VIA_CLASS"})
+      names.push_back("extracta_control_conn" + std::to_string(i) + "_" + splitNets[i] + "_" +
+                      group + ".txt");
+  }
+  names.push_back("extracta_control_connremainder.txt");
+  return names;
+}
+
+// One successful default run with the working directory kept (debug on) and
+// the stand-in's run log.
+struct KeptRun {
+  std::string workDir;  // with a trailing "/"; empty when none was left
+  std::vector<SimRun> runs;
+};
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args) {
+  LaunchOptions options;
+  options.env = {{"VELTAR_EXTRACTA_DEBUG", ""}, {"EXTRACTA_SIM_LOG", base + "/sim.log"}};
+  ProgramRun run(args, options);
+  const RunResult& result = run.Wait();  // debug traces on standard error
+  EXPECT_EQ(result.exitCode, 0) << result.out << result.err;
+  EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
+  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+  const std::vector<std::string> dirs = WorkingDirs(base);
+  EXPECT_EQ(dirs.size(), 1u);
+  return {dirs.size() == 1 ? base + "/" + dirs[0] + "/" : "", ReadSimLog(base + "/sim.log")};
+}
 
 // The runs' control file names in start order. With one child at a time that
 // is the order the generators were queued in; with more, children started
 // together may log their starts in either order, so only the names compare.
-void ExpectStarted(const ProgramRun& run, std::vector<std::string> expected) {
+// Never more children at once than the limit.
+void ExpectStarted(const KeptRun& run, std::vector<std::string> expected) {
   std::vector<std::string> started;
-  for (const defaultrun::SimRun& sim : run.runs) started.push_back(sim.control);
+  for (const SimRun& sim : run.runs) started.push_back(sim.control);
   if (ExtractaViewGenerator::DefaultConcurrencyLimit() > 1) {
     std::sort(started.begin(), started.end());
     std::sort(expected.begin(), expected.end());
   }
   EXPECT_EQ(started, expected);
+  EXPECT_LE(MostAtOnce(run.runs),
+            static_cast<int>(ExtractaViewGenerator::DefaultConcurrencyLimit()));
 }
 
 // The merge's contract: the first piece's header, then every piece's records
 // in generator order (the runs queued after the survey), and the same records
 // one plain connectivity run finds.
-void ExpectMergedFromPieces(const ProgramRun& run, const std::vector<std::string>& controls,
+void ExpectMergedFromPieces(const KeptRun& run, const std::vector<std::string>& controls,
                             const std::string& design, const std::string& scratch) {
   const auto survey = std::find(controls.begin(), controls.end(), "extracta_control_connnets.txt");
   ASSERT_NE(survey, controls.end());
-  std::string header;
-  std::string bodies;
+  std::string header, bodies;
   for (auto control = survey + 1; control != controls.end(); ++control) {
     const std::string piece =
-        veltest::ReadFile(run.workDir + control->substr(std::string("extracta_control_").size()));
+        ReadFile(run.workDir + control->substr(std::string("extracta_control_").size()));
     if (header.empty()) header = SplitHeader(piece).header;
     bodies += SplitHeader(piece).body;
   }
-  const std::string merged = veltest::ReadFile(run.workDir + "conn.txt");
+  const std::string merged = ReadFile(run.workDir + "conn.txt");
   EXPECT_EQ(SplitHeader(merged).header, header);
   EXPECT_EQ(SplitHeader(merged).body, bodies);
-
-  const std::string plain = defaultrun::PlainConnectivity(design, scratch);
+  const std::string plain = PlainConnectivity(design, scratch);
   EXPECT_EQ(SortedRecords(merged), SortedRecords(plain));
-  EXPECT_EQ(defaultrun::Lines(merged).at(0), defaultrun::Lines(plain).at(0));
+  EXPECT_EQ(Lines(merged).at(0), Lines(plain).at(0));
 }
 
-// One default run on a generated design, shared by the tests below.
-class DefaultRunOnSampleDesign : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    dir_ = std::make_unique<veltest::TempDir>();
-    design_ = defaultrun::MakeDesign(dir_->path(), 7, 3000);
-    run_ = std::make_unique<ProgramRun>(
-        defaultrun::RunProgram(dir_->path(), {"-z", design_, *dir_ / "out.vlx"}));
-  }
-  static void TearDownTestSuite() {
-    run_.reset();
-    dir_.reset();
-  }
-  void SetUp() override {
-    ASSERT_EQ(run_->result.exitCode, 0) << run_->result.out << run_->result.err;
-    ASSERT_FALSE(run_->workDir.empty());
-  }
+TEST(DefaultRun, OnAGeneratedDesign) {
+  TempDir dir;
+  const std::string design = MakeDesign(dir.path(), 7, 3000);
+  const KeptRun run = RunKeeping(dir.path(), {"-z", design, dir / "out.vlx"});
+  ASSERT_FALSE(run.workDir.empty());
 
-  static std::unique_ptr<veltest::TempDir> dir_;
-  static std::string design_;
-  static std::unique_ptr<ProgramRun> run_;
-};
-
-std::unique_ptr<veltest::TempDir> DefaultRunOnSampleDesign::dir_;
-std::string DefaultRunOnSampleDesign::design_;
-std::unique_ptr<ProgramRun> DefaultRunOnSampleDesign::run_;
-
-// The nets the run split, in index order, from the split runs' own control
-// files.
-std::vector<std::string> SplitNetsOf(const ProgramRun& run) {
+  // The nets split, in index order, from the split runs' own control files.
   std::vector<std::string> split;
   for (int i = 0; i < 4; ++i) {
     const std::string prefix = "extracta_control_conn" + std::to_string(i) + "_";
-    for (const std::string& name : veltest::ListDir(run.workDir)) {
-      if (name.compare(0, prefix.size(), prefix) != 0 || name.find("_PIN.txt") == std::string::npos)
-        continue;
-      const std::string control = veltest::ReadFile(run.workDir + name);
+    for (const std::string& name : ListDir(run.workDir)) {
+      if (name.rfind(prefix, 0) != 0 || name.find("_PIN.txt") == std::string::npos) continue;
+      const std::string control = ReadFile(run.workDir + name);
       const std::size_t quote = control.find("NET_NAME ='") + 11;
       split.push_back(control.substr(quote, control.find('\'', quote) - quote));
     }
   }
-  return split;
-}
-
-TEST_F(DefaultRunOnSampleDesign, StartsOneProcessPerViewSurveySplitAndRemainderInQueueOrder) {
+  // They are the largest nets of the survey, largest first.
   std::map<std::string, uint64_t> surveyed;
-  for (const std::string& net :
-       FieldValues(veltest::ReadFile(run_->workDir + "connnets.txt"), "NET_NAME")) {
+  for (const std::string& net : FieldValues(ReadFile(run.workDir + "connnets.txt"), "NET_NAME"))
     ++surveyed[net];
-  }
-  const std::vector<std::string> split = SplitNetsOf(*run_);
   ASSERT_EQ(split.size(), std::min<std::size_t>(4, surveyed.size()));
-
-  // The split nets are the largest, largest first.
   for (std::size_t i = 1; i < split.size(); ++i)
     EXPECT_GE(surveyed[split[i - 1]], surveyed[split[i]]);
   for (const auto& [net, count] : surveyed) {
@@ -121,148 +138,258 @@ TEST_F(DefaultRunOnSampleDesign, StartsOneProcessPerViewSurveySplitAndRemainderI
       EXPECT_LE(count, surveyed[split.back()]) << net;
     }
   }
+  // The design's net names need no sanitising, so the file names follow.
+  const std::vector<std::string> controls = ExpectedControlFiles(split);
+  ExpectStarted(run, controls);
+  EXPECT_EQ(run.runs.size(), 9 + 1 + 3 * split.size() + 1);
+  ExpectMergedFromPieces(run, controls, design, dir.path());
 
-  // The design's net names need no sanitising, so the expected file names
-  // follow directly.
-  ExpectStarted(*run_, ExpectedControlFiles(split));
-  EXPECT_EQ(run_->runs.size(), 9 + 1 + 3 * split.size() + 1);
-  EXPECT_LE(defaultrun::MostAtOnce(run_->runs),
-            static_cast<int>(ExtractaViewGenerator::DefaultConcurrencyLimit()));
+  // The archive holds every file of the working directory, under its name.
+  const std::string dirName = Leaf(run.workDir.substr(0, run.workDir.size() - 1));
+  const std::vector<std::string> names = ArchiveNames(dir / "out.vlx");
+  for (const std::string& name : names)
+    EXPECT_EQ(name, (dir / dirName).substr(1) + "/" + Leaf(name));
+  EXPECT_EQ(ArchiveLeaves(dir / "out.vlx"), ListDir(run.workDir));
+  const std::vector<std::string> packed = ArchiveLeaves(dir / "out.vlx");
+  EXPECT_TRUE(std::binary_search(packed.begin(), packed.end(), "conn.txt"));
+  for (const char* view : kOtherViews)
+    EXPECT_TRUE(std::binary_search(packed.begin(), packed.end(), std::string(view) + ".txt"));
 }
 
-TEST_F(DefaultRunOnSampleDesign, MergedConnectivityHoldsWhatOnePlainRunExtracts) {
-  ExpectMergedFromPieces(*run_, ExpectedControlFiles(SplitNetsOf(*run_)), design_, dir_->path());
-}
-
-TEST_F(DefaultRunOnSampleDesign, ArchiveHoldsEveryTextFileOfTheWorkingDirectory) {
-  const veltest::RunResult listing =
-      veltest::RunProgram({"/usr/bin/unzip", "-Z1", *dir_ / "out.vlx"});
-  ASSERT_EQ(listing.exitCode, 0) << listing.err;
-  const std::string dirName =
-      run_->workDir.substr(run_->workDir.rfind('/', run_->workDir.size() - 2) + 1);
-  std::vector<std::string> packed;
-  for (std::string entry : defaultrun::Lines(listing.out)) {
-    entry.pop_back();
-    const std::size_t cut = entry.rfind('/');
-    ASSERT_NE(cut, std::string::npos) << entry;
-    EXPECT_EQ(entry.substr(0, cut + 1).rfind(dirName), cut + 1 - dirName.size()) << entry;
-    packed.push_back(entry.substr(cut + 1));
-  }
-  std::sort(packed.begin(), packed.end());
-  EXPECT_EQ(packed, veltest::ListDir(run_->workDir));
-  for (const char* view :
-       {"conn.txt", "layer.txt", "paddef.txt", "fullgeo.txt", "diestack.txt", "net.txt",
-        "component.txt", "outline.txt", "compositepad.txt", "logicalpin.txt"}) {
-    EXPECT_TRUE(std::binary_search(packed.begin(), packed.end(), view)) << view;
-  }
-}
-
-// Designs whose connectivity table is written by hand, so that which nets
-// are split is known in advance.
-class DefaultRunOnChosenNets : public ::testing::Test {
- protected:
-  void SetUp() override { base_ = defaultrun::MakeDesign(dir_.path(), 3, 200); }
-
-  ProgramRun Run(const std::vector<NetClass>& records, std::vector<std::string> options = {}) {
-    design_ = defaultrun::WithConnectivity(base_, dir_ / "chosen.mcm", records);
-    options.insert(options.end(), {"-z", design_, dir_ / "out.vlx"});
-    return defaultrun::RunProgram(dir_.path(), options);
-  }
-
-  // `count` records of the net, spread over the classes the view admits and
-  // one it does not (which the survey counts all the same).
-  static void Add(std::vector<NetClass>& records, const std::string& net, int count) {
+// Designs whose connectivity table is written by hand, so that which nets are
+// split is known in advance. Each net's records are spread over the classes
+// the view admits and one it does not (which the survey counts all the same).
+TEST(DefaultRun, OnChosenNets) {
+  struct Case {
+    const char* name;
+    std::vector<std::pair<std::string, int>> nets;  // records per net
+    std::vector<std::string> options;
+    std::vector<std::string> split;  // in index order
+    std::vector<std::string> surveyed;
+    std::vector<std::string> files;  // the split nets' sanitised names; none: as split
+  };
+  const std::vector<Case> cases = {
+      {"ties rank the byte-wise greater name first",
+       {{"ALPHA", 3}, {"N1", 5}, {"Z", 1}, {"Q", 4}, {"BETA", 3}, {"N2", 5}},
+       {},
+       {"N2", "N1", "Q", "BETA"},
+       {"ALPHA", "BETA", "N1", "N2", "Q", "Z"},
+       {}},
+      {"fewer than four nets are all split", {{"A", 7}, {"B", 2}}, {}, {"A", "B"}, {"A", "B"}, {}},
+      {"no connectivity records leave only the remainder", {}, {}, {}, {}, {}},
+      {"names with blanks and punctuation give distinct sanitised files",
+       {{"VDD CORE", 9}, {"VDD/CORE", 8}, {"a.b-c_d", 6}, {"(x)", 4}, {"VDD+CORE", 1}},
+       {},
+       {"VDD CORE", "VDD/CORE", "a.b-c_d", "(x)"},
+       {"(x)", "VDD CORE", "VDD+CORE", "VDD/CORE", "a.b-c_d"},
+       {"VDD_CORE", "VDD_CORE", "a_b-c_d", "_x_"}},
+      {"a net selection narrows survey and split, not the remainder",
+       {{"A", 9}, {"B", 7}, {"C", 6}, {"D", 5}, {"E", 4}},
+       {"-n", "D,B"},
+       {"B", "D"},
+       {"B", "D"},
+       {}},
+  };
+  TempDir scratch;
+  const std::string base = MakeDesign(scratch.path(), 3, 200);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TempDir dir;
+    std::vector<NetClass> records;
     static const char* const kClasses[] = {"ETCH", "PIN", "VIA CLASS", "CONDUCTOR", "ANTI ETCH"};
-    for (int i = 0; i < count; ++i) records.emplace_back(net, kClasses[i % 5]);
+    for (const auto& [net, count] : c.nets)
+      for (int i = 0; i < count; ++i) records.emplace_back(net, kClasses[i % 5]);
+    const std::string design = WithConnectivity(base, dir / "chosen.mcm", records);
+    std::vector<std::string> args = c.options;
+    args.insert(args.end(), {"-z", design, dir / "out.vlx"});
+    const KeptRun run = RunKeeping(dir.path(), args);
+    ASSERT_FALSE(run.workDir.empty());
+
+    const std::vector<std::string> controls =
+        ExpectedControlFiles(c.files.empty() ? c.split : c.files);
+    ExpectStarted(run, controls);
+    ExpectMergedFromPieces(run, controls, design, dir.path());
+    std::vector<std::string> surveyed =
+        FieldValues(ReadFile(run.workDir + "connnets.txt"), "NET_NAME");
+    std::sort(surveyed.begin(), surveyed.end());
+    surveyed.erase(std::unique(surveyed.begin(), surveyed.end()), surveyed.end());
+    EXPECT_EQ(surveyed, c.surveyed);
+    // The remainder excludes the split nets and no other, and carries no
+    // selection; the other views carry it.
+    const std::string remainder = ReadFile(run.workDir + "extracta_control_connremainder.txt");
+    EXPECT_EQ(remainder.find("NET_NAME ='"), std::string::npos) << remainder;
+    for (const std::string& net : c.split)
+      EXPECT_NE(remainder.find("NET_NAME !='" + net + "'"), std::string::npos) << net;
+    for (const auto& [net, count] : c.nets) {
+      if (std::find(c.split.begin(), c.split.end(), net) == c.split.end()) {
+        EXPECT_EQ(remainder.find("'" + net + "'"), std::string::npos) << net;
+      }
+    }
+    if (!c.options.empty()) {
+      EXPECT_NE(ReadFile(run.workDir + "extracta_control_fullgeo.txt").find("NET_NAME ='D'"),
+                std::string::npos);
+    }
+  }
+}
+
+// Runs the default view creation on an executor directly, so that its error
+// message and active view list can be looked at; `dirsToPrepare` are made in
+// the working directory before the run, to stand in the way of files.
+class DefaultRunExecutor : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    base_ = MakeDesign(dir_.path(), 5, 100);
+    design_ = WithConnectivity(
+        base_, dir_ / "two.mcm",
+        {{"A", "ETCH"}, {"A", "PIN"}, {"A", "VIA CLASS"}, {"B", "PIN"}, {"B", "ETCH"}});
   }
 
-  veltest::TempDir dir_;
+  bool Run(const EnvMap& faults, const std::vector<std::string>& dirsToPrepare = {}) {
+    EnvMap variables = {{"VELTAR_EXTRACTA_PATHOVERRIDE", BinPath("extracta-sim")},
+                        {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
+                        {"EXTRACTA_SIM_DATE", "Sat Nov 21 10:02:11 2026"}};
+    variables.insert(faults.begin(), faults.end());
+    std::vector<std::unique_ptr<ScopedEnv>> env;
+    for (const auto& [name, value] : variables)
+      env.push_back(std::make_unique<ScopedEnv>(name, value));
+    views_.clear();
+    if (!executor_.createWorkingDir(AString(dir_.path()))) return false;
+    workDir_ = VEL_ANSI(executor_.getWorkingDir().FilePath());
+    for (const std::string& name : dirsToPrepare) ::mkdir((workDir_ + name).c_str(), 0700);
+    return executor_.createExtractaControlFileAndViewsMP(AString(design_), kStandardViews, {},
+                                                         views_);
+  }
+
+  std::string Message() const { return VEL_ANSI(executor_.getErrorMessage()); }
+
+  // The records of every connectivity piece after the first, in merge order.
+  std::string BodiesAfterFirstPiece() const {
+    std::string bodies;
+    for (const char* piece :
+         {"conn0_A_PIN.txt", "conn0_A_VIA_CLASS.txt", "conn1_B_CONDUCTOR_ETCH.txt",
+          "conn1_B_PIN.txt", "conn1_B_VIA_CLASS.txt", "connremainder.txt"})
+      bodies += SplitHeader(ReadFile(workDir_ + piece)).body;
+    return bodies;
+  }
+
+  TempDir dir_;
   std::string base_;
   std::string design_;
+  ExtractaExecutor executor_;
+  std::string workDir_;
+  std::vector<ActiveView> views_;
 };
 
-TEST_F(DefaultRunOnChosenNets, TiesRankTheByteWiseGreaterNameFirst) {
-  std::vector<NetClass> records;
-  for (const auto& [net, count] : std::vector<std::pair<std::string, int>>{
-           {"ALPHA", 3}, {"N1", 5}, {"Z", 1}, {"Q", 4}, {"BETA", 3}, {"N2", 5}}) {
-    Add(records, net, count);
+// Every failure is stored with the operation's prefix; the merge's own
+// messages carry their own name after it, so the prefix is doubled.
+TEST_F(DefaultRunExecutor, FailuresAreStoredWithThePrefix) {
+  const std::string prefix = "createExtractaControlFileAndViewsMP: ";
+  struct Case {
+    EnvMap faults;
+    std::vector<std::string> dirs;
+    std::string message;  // '@' stands for the working directory
+    bool exact;           // else: the prefix once, then text holding `message`
+  };
+  const auto noOutput = [](const char* match) {
+    return EnvMap{{"EXTRACTA_SIM_MATCH", match}, {"EXTRACTA_SIM_OUTPUT", "none"}};
+  };
+  const std::string merge = prefix + "createExtractaControlFileAndViewsMP ";
+  const std::vector<Case> cases = {
+      {{{"EXTRACTA_SIM_MATCH", "extracta_control_connremainder.txt"},
+        {"EXTRACTA_SIM_FAIL", "4:injected failure"}},
+       {},
+       "injected failure",
+       false},
+      {{{"EXTRACTA_SIM_MATCH", "extracta_control_connnets.txt"},
+        {"EXTRACTA_SIM_OUTPUT", "drop-field:NET_NAME"}},
+       {},
+       "has no NET_NAME column",
+       false},
+      {noOutput("extracta_control_conn0_A_PIN.txt"),
+       {},
+       merge + "failed to open file @conn0_A_PIN.txt",
+       true},
+      // A piece that opens but cannot be read.
+      {noOutput("extracta_control_conn0_A_VIA_CLASS.txt"),
+       {"conn0_A_VIA_CLASS.txt"},
+       merge + "missing header in file @conn0_A_VIA_CLASS.txt",
+       true},
+      // A combined file that cannot be written.
+      {noOutput("none"),
+       {"conn.txt"},
+       merge + "error adding @conn0_A_CONDUCTOR_ETCH.txt to combined connectivity file",
+       true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.message);
+    ASSERT_FALSE(Run(c.faults, c.dirs));
+    std::string expected = c.message;
+    if (expected.find('@') != std::string::npos) expected.replace(expected.find('@'), 1, workDir_);
+    if (c.exact) {
+      EXPECT_EQ(Message(), expected);
+    } else {
+      EXPECT_EQ(Message().rfind(prefix, 0), 0u) << Message();
+      EXPECT_EQ(Message().find(prefix, 1), std::string::npos) << Message();
+      EXPECT_NE(Message().find(expected), std::string::npos) << Message();
+    }
+    EXPECT_TRUE(views_.empty());
+    executor_.deleteWorkingDir();
   }
-  const ProgramRun run = Run(records);
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.out;
-  const std::vector<std::string> controls = ExpectedControlFiles({"N2", "N1", "Q", "BETA"});
-  ExpectStarted(run, controls);
+}
 
-  const std::string remainder =
-      veltest::ReadFile(run.workDir + "extracta_control_connremainder.txt");
-  for (const char* net : {"N2", "N1", "Q", "BETA"}) {
-    EXPECT_NE(remainder.find(std::string("NET_NAME !='") + net + "'"), std::string::npos) << net;
+TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndToleratesAShortFirstPiece) {
+  // A's first piece is cut inside its first header line, so it holds less
+  // than the two lines of a header.
+  ExtractaViewGenerator::maxConcurrentExtractas = 7;
+  ASSERT_TRUE(Run({{"EXTRACTA_SIM_MATCH", "extracta_control_conn0_A_CONDUCTOR_ETCH.txt"},
+                   {"EXTRACTA_SIM_OUTPUT", "truncate"}}))
+      << Message();
+  EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
+            ExtractaViewGenerator::DefaultConcurrencyLimit());
+
+  std::vector<std::string> paths;
+  std::vector<ViewType> types;
+  for (const ActiveView& view : views_) {
+    paths.push_back(VEL_ANSI(view.path));
+    types.push_back(view.viewType);
   }
-  EXPECT_EQ(remainder.find("ALPHA"), std::string::npos);
-  ExpectMergedFromPieces(run, controls, design_, dir_.path());
+  std::vector<std::string> expectedPaths = {workDir_ + "conn.txt"};
+  for (const char* view : kOtherViews) expectedPaths.push_back(workDir_ + view + ".txt");
+  EXPECT_EQ(paths, expectedPaths);
+  EXPECT_EQ(types, (std::vector<ViewType>{kConn, kLayer, kPadDef, kFullGeo, kDieStack, kNet,
+                                          kComponent, kOutline, kCompositePad, kLogicalPin}));
+
+  const std::string cut = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
+  ASSERT_EQ(cut.find('\n'), std::string::npos);
+  EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), cut + "\n\n" + BodiesAfterFirstPiece());
 }
 
-TEST_F(DefaultRunOnChosenNets, FewerThanFourNetsAreAllSplit) {
+// Where the kernel cannot copy between the two files (another file system),
+// the merge copies through its own buffer, with the same result.
+TEST_F(DefaultRunExecutor, MergesThroughUserSpaceWhereTheKernelCannotCopy) {
+  // Pieces well beyond what the header read takes in.
   std::vector<NetClass> records;
-  Add(records, "A", 7);
-  Add(records, "B", 2);
-  const ProgramRun run = Run(records);
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.out;
-  const std::vector<std::string> controls = ExpectedControlFiles({"A", "B"});
-  ExpectStarted(run, controls);
-  ExpectMergedFromPieces(run, controls, design_, dir_.path());
-  EXPECT_EQ(SortedRecords(veltest::ReadFile(run.workDir + "connremainder.txt")).size(), 0u);
-}
-
-TEST_F(DefaultRunOnChosenNets, NoConnectivityRecordsLeaveOnlyTheRemainder) {
-  const ProgramRun run = Run({});
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.out;
-  ExpectStarted(run, ExpectedControlFiles({}));
-  EXPECT_EQ(veltest::ReadFile(run.workDir + "conn.txt"),
-            veltest::ReadFile(run.workDir + "connremainder.txt"));
-}
-
-TEST_F(DefaultRunOnChosenNets, NetNamesWithBlanksAndPunctuationGiveDistinctSanitisedFiles) {
-  std::vector<NetClass> records;
-  Add(records, "VDD CORE", 9);
-  Add(records, "VDD/CORE", 8);
-  Add(records, "a.b-c_d", 6);
-  Add(records, "(x)", 4);
-  Add(records, "VDD+CORE", 1);
-  const ProgramRun run = Run(records);
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.out;
-  const std::vector<std::string> controls =
-      ExpectedControlFiles({"VDD_CORE", "VDD_CORE", "a_b-c_d", "_x_"});
-  ExpectStarted(run, controls);
-  ExpectMergedFromPieces(run, controls, design_, dir_.path());
-}
-
-TEST_F(DefaultRunOnChosenNets, NetSelectionNarrowsSurveyAndSplitButNotTheRemainder) {
-  std::vector<NetClass> records;
-  Add(records, "A", 9);
-  Add(records, "B", 7);
-  Add(records, "C", 6);
-  Add(records, "D", 5);
-  Add(records, "E", 4);
-  const ProgramRun run = Run(records, {"-n", "D,B"});
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.out;
-
-  std::vector<std::string> surveyed =
-      FieldValues(veltest::ReadFile(run.workDir + "connnets.txt"), "NET_NAME");
-  std::sort(surveyed.begin(), surveyed.end());
-  surveyed.erase(std::unique(surveyed.begin(), surveyed.end()), surveyed.end());
-  EXPECT_EQ(surveyed, (std::vector<std::string>{"B", "D"}));
-  const std::vector<std::string> controls = ExpectedControlFiles({"B", "D"});
-  ExpectStarted(run, controls);
-
-  const std::string remainder =
-      veltest::ReadFile(run.workDir + "extracta_control_connremainder.txt");
-  EXPECT_EQ(remainder.find("NET_NAME ='"), std::string::npos) << remainder;
-  EXPECT_NE(remainder.find("NET_NAME !='B'"), std::string::npos) << remainder;
-  // Every net of the design is in the merge: the remainder covers A, C and E.
-  ExpectMergedFromPieces(run, controls, design_, dir_.path());
-  // The other views carry the selection.
-  EXPECT_NE(veltest::ReadFile(run.workDir + "extracta_control_fullgeo.txt").find("NET_NAME ='D'"),
-            std::string::npos);
+  for (int i = 0; i < 3000; ++i)
+    records.emplace_back(i % 3 ? "A" : "B", i % 2 ? "ETCH" : (i % 5 ? "PIN" : "VIA CLASS"));
+  design_ = WithConnectivity(base_, dir_ / "large.mcm", records);
+  gKernelCopyError = EXDEV;
+  const bool ok = Run({});
+  gKernelCopyError = 0;
+  ASSERT_TRUE(ok) << Message();
+  const std::string first = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
+  ASSERT_GT(first.size(), 32u << 10);
+  EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), first + BodiesAfterFirstPiece());
 }
 
 }  // namespace
+
+// Stands in for the C library's call, so that a test can make the kernel
+// refuse to copy; otherwise it makes the system call itself.
+extern "C" ssize_t copy_file_range(int in, off64_t* inOffset, int out, off64_t* outOffset,
+                                   size_t length, unsigned int flags) noexcept {
+  if (const int error = gKernelCopyError.load()) {
+    errno = error;
+    return -1;
+  }
+  return ::syscall(SYS_copy_file_range, in, inOffset, out, outOffset, length, flags);
+}
