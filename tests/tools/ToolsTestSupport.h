@@ -34,7 +34,8 @@ struct ViewDefinition {
   std::vector<std::string> fields;
 };
 
-// The default and the cell view sets, as the program defines them.
+// The default and the cell view sets, as the program defines them. The views
+// tests hold the program's control files to these, block for block.
 std::vector<ViewDefinition> StandardViews();
 std::vector<ViewDefinition> CellViews();
 
