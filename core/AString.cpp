@@ -126,32 +126,33 @@ std::wstring VFormatWide(const wchar_t* format, va_list args) {
       case L'x':
       case L'X':
       case L'o': {
-        const char conv = static_cast<char>(conversion);
-        const bool isSigned = conv == 'd' || conv == 'i';
+        // The length modifier decides only how the argument is taken from the
+        // list; the value is then printed at the widest length.
+        const bool isSigned = conversion == L'd' || conversion == L'i';
+        long long signedValue = 0;
+        unsigned long long unsignedValue = 0;
         if (length == "ll" || length == "j") {
-          printfConversion += "ll";
-          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, long long));
+            signedValue = va_arg(args, long long);
           else
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
-                          va_arg(args, unsigned long long));
+            unsignedValue = va_arg(args, unsigned long long);
         } else if (length == "l" || length == "z" || length == "t") {
-          printfConversion += 'l';
-          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, long));
+            signedValue = va_arg(args, long);
           else
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
-                          va_arg(args, unsigned long));
+            unsignedValue = va_arg(args, unsigned long);
         } else {
-          printfConversion += conv;
           if (isSigned)
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), va_arg(args, int));
+            signedValue = va_arg(args, int);
           else
-            std::snprintf(buffer, sizeof buffer, printfConversion.c_str(),
-                          va_arg(args, unsigned int));
+            unsignedValue = va_arg(args, unsigned int);
         }
+        printfConversion += "ll";
+        printfConversion += static_cast<char>(conversion);
+        if (isSigned)
+          std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), signedValue);
+        else
+          std::snprintf(buffer, sizeof buffer, printfConversion.c_str(), unsignedValue);
         out += WidenText(buffer, std::char_traits<char>::length(buffer));
         break;
       }
