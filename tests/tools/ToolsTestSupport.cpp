@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <stdexcept>
 
@@ -21,18 +22,15 @@ ViewDefinition View(const char* name, const char* keyword, std::vector<Cond> con
 
 std::vector<Cond> GeometryConditions() {
   std::vector<Cond> list = {Quoted("NET_NAME", "!=", "")};
-  for (const char* shape : {"FIG_RECTANGLE", "CIRCLE", "OBLONG_Y", "OBLONG_X", "SQUARE"}) {
+  for (const char* shape : {"FIG_RECTANGLE", "CIRCLE", "OBLONG_Y", "OBLONG_X", "SQUARE"})
     list.push_back(Quoted("PAD_SHAPE_NAME", "!=", shape));
-  }
   for (const char* cls :
        {"ANALYSIS", "BOARD GEOMETRY", "COMPONENT VALUE", "DEVICE TYPE", "DRAWING FORMAT",
         "DRC ERROR CLASS", "ETCH", "MANUFACTURING", "PACKAGE GEOMETRY", "PACKAGE KEEPIN",
         "PACKAGE KEEPOUT", "REF DES", "ROUTE KEEPIN", "ROUTE KEEPOUT", "TOLERANCE",
-        "USER PART NUMBER", "VIA KEEPOUT"}) {
+        "USER PART NUMBER", "VIA KEEPOUT"})
     list.push_back(Quoted("CLASS", "!=", cls));
-  }
-  list.push_back(Quoted("RAT_CONNECTED", "!=", "YES"));
-  list.push_back(Quoted("RAT_CONNECTED", "!=", "NO"));
+  for (const char* rat : {"YES", "NO"}) list.push_back(Quoted("RAT_CONNECTED", "!=", rat));
   return list;
 }
 
@@ -67,31 +65,6 @@ ViewDefinition Layer() {
 
 ViewDefinition DieStack() { return View("diestack", "DIE_STACK_DEF", {}, {}, ""); }
 
-std::vector<std::string> SplitFields(const std::string& content) {
-  if (content.empty()) return {};
-  if (content.back() != '!') throw std::runtime_error("line does not end in '!': " + content);
-  std::vector<std::string> fields;
-  std::string::size_type start = 0;
-  while (start < content.size()) {
-    const auto bang = content.find('!', start);
-    fields.push_back(content.substr(start, bang - start));
-    start = bang + 1;
-  }
-  return fields;
-}
-
-std::vector<std::string> CrLfLines(const std::string& bytes) {
-  std::vector<std::string> lines;
-  std::string::size_type start = 0;
-  while (start < bytes.size()) {
-    const auto end = bytes.find("\r\n", start);
-    if (end == std::string::npos) throw std::runtime_error("last line has no CR LF");
-    lines.push_back(bytes.substr(start, end - start));
-    start = end + 2;
-  }
-  return lines;
-}
-
 }  // namespace
 
 Cond Quoted(const std::string& field, const std::string& op, const std::string& value) {
@@ -100,10 +73,6 @@ Cond Quoted(const std::string& field, const std::string& op, const std::string& 
 
 Cond Bare(const std::string& field, const std::string& op, const std::string& value) {
   return {field, op == "=", value, field + " " + op + " " + value};
-}
-
-Cond NetCond(const std::string& op, const std::string& net) {
-  return {"NET_NAME", op == "=", net, "NET_NAME " + op + "'" + net + "'"};
 }
 
 std::vector<ViewDefinition> StandardViews() {
@@ -178,59 +147,40 @@ std::string ControlBlock(const ViewDefinition& view) {
 
 std::string CrLf(const std::string& text) {
   std::string out;
-  for (const char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
+  for (const char c : text) out += c == '\n' ? std::string("\r\n") : std::string(1, c);
   return out;
 }
 
 bool Passes(const ViewDefinition& view, const std::map<std::string, std::string>& record) {
   const auto holds = [&](const Cond& c) { return (record.at(c.field) == c.value) == c.equal; };
-  for (const Cond& c : view.conditions) {
-    if (!holds(c)) return false;
-  }
-  if (view.alternatives.empty()) return true;
-  for (const Cond& c : view.alternatives) {
-    if (holds(c)) return true;
-  }
-  return false;
-}
-
-ViewFile ParseViewFile(const std::string& bytes) {
-  const std::vector<std::string> lines = CrLfLines(bytes);
-  if (lines.size() < 2 || lines[0].compare(0, 2, "A!") != 0 || lines[1].compare(0, 2, "J!") != 0) {
-    throw std::runtime_error("view file does not start with A! and J! lines");
-  }
-  ViewFile view;
-  view.header = SplitFields(lines[0].substr(2));
-  view.job = SplitFields(lines[1].substr(2));
-  for (std::size_t i = 2; i < lines.size(); ++i) {
-    if (lines[i].compare(0, 2, "S!") != 0) throw std::runtime_error("not an S! line: " + lines[i]);
-    view.records.push_back(SplitFields(lines[i].substr(2)));
-  }
-  return view;
+  const auto& any = view.alternatives;
+  return std::all_of(view.conditions.begin(), view.conditions.end(), holds) &&
+         (any.empty() || std::any_of(any.begin(), any.end(), holds));
 }
 
 DesignData ParseDesign(const std::string& bytes) {
-  const std::vector<std::string> lines = CrLfLines(bytes);
   DesignData design;
-  if (lines.empty() || lines[0].compare(0, 2, "J!") != 0) throw std::runtime_error("no J! line");
-  design.job = SplitFields(lines[0].substr(2));
   DesignTableData* table = nullptr;
-  for (std::size_t i = 1; i < lines.size(); ++i) {
-    const std::string tag = lines[i].substr(0, 2);
-    const std::vector<std::string> fields = SplitFields(lines[i].substr(2));
-    if (tag == "T!") {
-      table = &design.tables[fields.at(0)];
-      if (!table->header.empty()) throw std::runtime_error("table twice: " + fields.at(0));
+  for (std::size_t start = 0, n = 1; start < bytes.size(); ++n) {
+    const auto end = bytes.find("\r\n", start);
+    const std::string line = bytes.substr(start, end - start), tag = line.substr(0, 2);
+    const auto fail = [n] { throw std::runtime_error("bad design line " + std::to_string(n)); };
+    if (end == std::string::npos || line.size() < 2 || line.back() != '!') fail();
+    start = end + 2;
+    std::vector<std::string> fields;
+    for (auto at = line.find('!') + 1; at < line.size(); at = line.find('!', at) + 1)
+      fields.push_back(line.substr(at, line.find('!', at) - at));
+    if (n == 1 && tag == "J!") {
+      design.job = fields;
+    } else if (n > 1 && tag == "T!" && design.tables[fields.at(0)].header.empty()) {
+      table = &design.tables[fields[0]];
     } else if (tag == "A!" && table && table->header.empty()) {
       table->header = fields;
     } else if (tag == "S!" && table && fields.size() == table->header.size()) {
       std::map<std::string, std::string>& record = table->records.emplace_back();
       for (std::size_t f = 0; f < fields.size(); ++f) record[table->header[f]] = fields[f];
     } else {
-      throw std::runtime_error("unexpected design line " + std::to_string(i + 1));
+      fail();
     }
   }
   return design;
@@ -256,17 +206,10 @@ RunResult RunSim(const std::string& design, const std::string& control,
 }
 
 void MakeDesign(const std::string& path, std::uint64_t seed, std::uint64_t connRecords,
-                const std::vector<std::string>& extra) {
-  std::vector<std::string> argv = {BinPath("make-design"),
-                                   "--seed",
-                                   std::to_string(seed),
-                                   "--conn-records",
-                                   std::to_string(connRecords),
-                                   "-o",
-                                   path,
-                                   "--quiet"};
-  argv.insert(argv.end(), extra.begin(), extra.end());
-  const RunResult result = RunProgram(argv);
+                std::vector<std::string> args) {
+  args.insert(args.begin(), {BinPath("make-design"), "--seed", std::to_string(seed),
+                             "--conn-records", std::to_string(connRecords), "-o", path, "--quiet"});
+  const RunResult result = RunProgram(args);
   ASSERT_EQ(result.exitCode, 0) << result.err;
 }
 

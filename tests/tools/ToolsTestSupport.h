@@ -24,7 +24,6 @@ struct Cond {
 };
 Cond Quoted(const std::string& field, const std::string& op, const std::string& value);
 Cond Bare(const std::string& field, const std::string& op, const std::string& value);
-Cond NetCond(const std::string& op, const std::string& net);  // "NET_NAME ='GND'"
 
 struct ViewDefinition {
   std::string name;  // file name stem, e.g. "conn"
@@ -47,15 +46,6 @@ std::string CrLf(const std::string& text);
 // Whether a record (field name -> text) passes the view's filter.
 bool Passes(const ViewDefinition& view, const std::map<std::string, std::string>& record);
 
-struct ViewFile {
-  std::vector<std::string> header;
-  std::vector<std::string> job;
-  std::vector<std::vector<std::string>> records;
-};
-// Reads a view file strictly: CR LF lines, "A!" then "J!" then "S!" lines,
-// each field followed by "!". Throws std::runtime_error on anything else.
-ViewFile ParseViewFile(const std::string& bytes);
-
 struct DesignTableData {
   std::vector<std::string> header;
   std::vector<std::map<std::string, std::string>> records;
@@ -64,6 +54,8 @@ struct DesignData {
   std::vector<std::string> job;
   std::map<std::string, DesignTableData> tables;
 };
+// Reads a design snapshot strictly: CR LF lines, each field followed by "!",
+// a J! line, then T!, A! and S! lines. Throws std::runtime_error otherwise.
 DesignData ParseDesign(const std::string& bytes);
 
 // Runs extracta-sim -k -c -m with quoted paths.
@@ -73,6 +65,6 @@ RunResult RunSim(const std::string& design, const std::string& control,
 
 // Runs make-design; fails the test when it does not exit 0.
 void MakeDesign(const std::string& path, std::uint64_t seed, std::uint64_t connRecords,
-                const std::vector<std::string>& extra = {});
+                std::vector<std::string> args = {});
 
 }  // namespace veltest
