@@ -14,7 +14,6 @@
 #include <cerrno>
 #include <chrono>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -40,19 +39,6 @@ constexpr gid_t kNoGroup = 65534;
 const char kMarkVariable[] = "VEL_FAULT_RUN";
 const char kDate[] = "Sat Nov 21 10:02:11 2026";
 
-// Every injection extracta-sim knows: none may leak in from the caller.
-const char* const kInjections[] = {"EXTRACTA_SIM_MATCH",
-                                   "EXTRACTA_SIM_FAIL",
-                                   "EXTRACTA_SIM_SIGNAL",
-                                   "EXTRACTA_SIM_PRINT_BYTES",
-                                   "EXTRACTA_SIM_SLEEP_MS",
-                                   "EXTRACTA_SIM_NS_PER_RECORD",
-                                   "EXTRACTA_SIM_GRANDCHILD_SECONDS",
-                                   "EXTRACTA_SIM_GRANDCHILD_PIDFILE",
-                                   "EXTRACTA_SIM_GRANDCHILD_KEEP_OUTPUT",
-                                   "EXTRACTA_SIM_OUTPUT",
-                                   "EXTRACTA_SIM_LOG"};
-
 // A file's bytes, or "" when it cannot be read (a process gone from /proc).
 std::string ReadIfAny(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -76,23 +62,28 @@ std::vector<std::string> Fields(std::string line) {
   return fields;
 }
 
-// The caller's environment with the changes applied, as "NAME=value" texts.
+// The caller's environment as "NAME=value" texts, with the changes applied and
+// no extracta-sim injection (EXTRACTA_SIM_*) leaking in from the caller.
 std::vector<std::string> Environment(const EnvMap& changes) {
-  std::map<std::string, std::string> variables;
+  EnvMap variables;
   for (char** entry = environ; *entry; ++entry) {
     const std::string text = *entry;
-    const std::size_t equals = text.find('=');
-    if (equals != std::string::npos) variables[text.substr(0, equals)] = text.substr(equals + 1);
+    const std::size_t equals = std::min(text.find('='), text.size());
+    if (text.rfind("EXTRACTA_SIM_", 0) != 0)
+      variables[text.substr(0, equals)] = text.substr(equals);
   }
-  for (const auto& [name, value] : changes) {
-    if (value)
-      variables[name] = *value;
-    else
-      variables.erase(name);
-  }
+  for (const auto& [name, value] : changes) variables[name] = value ? "=" + *value : value;
   std::vector<std::string> texts;
-  for (const auto& [name, value] : variables) texts.push_back(name + "=" + value);
+  for (const auto& [name, value] : variables)
+    if (value) texts.push_back(name + *value);
   return texts;
+}
+
+std::vector<char*> Pointers(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
 }
 
 // Processes whose environment holds the mark and that have not ended (a
@@ -109,9 +100,8 @@ std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& ma
     // Every entry of /proc/<pid>/environ ends in a NUL byte.
     const std::string environment = '\0' + ReadIfAny(base + "/environ");
     if (environment.find('\0' + wanted + '\0') == std::string::npos) continue;
-    const std::string stat = ReadIfAny(base + "/stat");
-    const std::size_t paren = stat.rfind(')');
-    if (paren != std::string::npos && paren + 2 < stat.size() && stat[paren + 2] == 'Z') continue;
+    const std::string stat = ReadIfAny(base + "/stat");  // "pid (comm) state ..."
+    if (stat.compare(stat.rfind(')') + 1, 3, " Z ") == 0) continue;
     std::string command = ReadIfAny(base + "/cmdline");
     std::replace(command.begin(), command.end(), '\0', ' ');
     found.emplace_back(static_cast<pid_t>(std::stoi(name)), command);
@@ -120,26 +110,23 @@ std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& ma
   return found;
 }
 
-RunResult Python(const std::string& script, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {"/usr/bin/env", "python3", "-c", script};
+// A Python script's output on a zip archive (and further arguments), after
+// expecting it to succeed.
+std::string Zip(const std::string& script, const std::vector<std::string>& args) {
+  std::vector<std::string> argv = {
+      "/usr/bin/env", "python3", "-c",
+      "import sys, zipfile\nz = zipfile.ZipFile(sys.argv[1])\n" + script};
   argv.insert(argv.end(), args.begin(), args.end());
-  return RunProgram(argv);
+  const RunResult read = RunProgram(argv);
+  EXPECT_EQ(read.exitCode, 0) << read.err;
+  return read.out;
 }
 
 }  // namespace
 
-bool RunningAsRoot() { return geteuid() == 0; }
-
 const std::string& SampleDesign() {
-  static std::unique_ptr<TempDir> dir;
-  static std::string design;
-  if (design.empty()) {
-    dir = std::make_unique<TempDir>();
-    design = *dir / "pkg_top.mcm";
-    const RunResult made = RunProgram(
-        {BinPath("make-design"), "--seed", "5", "--conn-records", "300", "--quiet", "-o", design});
-    if (made.exitCode != 0) throw std::runtime_error("make-design failed: " + made.err);
-  }
+  static const TempDir dir;
+  static const std::string design = MakeDesign(dir.path(), 5, 300);
   return design;
 }
 
@@ -183,10 +170,9 @@ std::string WithConnectivity(const std::string& design, const std::string& path,
 std::string PlainConnectivity(const std::string& design, const std::string& scratchDir) {
   const std::string control = scratchDir + "/plain_conn_control.txt";
   const std::string output = scratchDir + "/plain_conn.txt";
-  {
-    std::ofstream out(control, std::ios::binary | std::ios::trunc);
-    WriteViewBlock(ExtractaViewDef(kConn, {}, false), out);
-  }
+  std::ostringstream block;
+  WriteViewBlock(ExtractaViewDef(kConn, {}, false), block);
+  WriteFile(control, block.str());
   const RunResult run =
       RunProgram({BinPath("extracta-sim"), "-k", "-c", "-m", design, control, output},
                  {"", {{"EXTRACTA_SIM_DATE", kDate}, {"EXTRACTA_SIM_LOG", std::nullopt}}});
@@ -241,24 +227,21 @@ std::vector<SimRun> ReadSimLog(const std::string& path) {
 }
 
 int MostAtOnce(const std::vector<SimRun>& runs) {
-  // +1 at each start, -1 at each end; an end sorts before a start at the same
-  // instant, so back-to-back runs do not count as overlapping.
-  std::vector<std::pair<uint64_t, int>> events;
-  for (const SimRun& run : runs) {
-    events.emplace_back(run.startNs, +1);
-    events.emplace_back(run.endNs, -1);
-  }
-  std::sort(events.begin(), events.end());
-  int current = 0, most = 0;
-  for (const auto& event : events) most = std::max(most, current += event.second);
-  return most;
+  // The most are under way as one starts; a run that ended at that very
+  // instant does not count.
+  long most = 0;
+  for (const SimRun& run : runs)
+    most = std::max(most, std::count_if(runs.begin(), runs.end(), [&](const SimRun& other) {
+                      return other.startNs <= run.startNs && run.startNs < other.endNs;
+                    }));
+  return static_cast<int>(most);
 }
 
 ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions& options) {
   static std::atomic<int> counter{0};
   mark_ = std::to_string(getpid()) + "-" + std::to_string(++counter) + "-" +
           std::to_string(std::random_device()());
-  const bool switchUser = options.unprivileged && RunningAsRoot();
+  const bool switchUser = options.unprivileged && geteuid() == 0;
   std::string program = BinPath("VelExtracta");
   std::string extractor = BinPath("extracta-sim");
   if (switchUser) {
@@ -275,31 +258,23 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
                     {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
                     {"EXTRACTA_SIM_DATE", kDate},
                     {kMarkVariable, mark_}};
-  for (const char* injection : kInjections) changes[injection] = std::nullopt;
   for (const auto& [name, value] : options.env) changes[name] = value;
   const std::vector<std::string> environment = Environment(changes);
-
   std::vector<std::string> argv = {program};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> argPointers, envPointers;
-  for (const std::string& arg : argv) argPointers.push_back(const_cast<char*>(arg.c_str()));
-  argPointers.push_back(nullptr);
-  for (const std::string& entry : environment)
-    envPointers.push_back(const_cast<char*>(entry.c_str()));
-  envPointers.push_back(nullptr);
+  std::vector<char*> argPointers = Pointers(argv), envPointers = Pointers(environment);
 
-  const int out = open((streams_ / "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const int err = open((streams_ / "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  if (out < 0 || err < 0 || in < 0) throw std::runtime_error("cannot open the run's streams");
+  const std::string out = streams_ / "out", err = streams_ / "err";
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
     // Only async-signal-safe calls from here on.
     setpgid(0, 0);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
+        dup2(open(out.c_str(), flags, 0600), 1) != 1 ||
+        dup2(open(err.c_str(), flags, 0600), 2) != 2)
+      _exit(126);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
     if (options.fileSizeLimit > 0) {
       rlimit limit;
@@ -313,9 +288,6 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
     _exit(127);
   }
   setpgid(pid_, pid_);
-  close(out);
-  close(err);
-  close(in);
 }
 
 ProgramRun::~ProgramRun() {
@@ -330,15 +302,11 @@ const RunResult& ProgramRun::Wait(double timeoutSeconds) {
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
   int status = 0;
-  for (;;) {
-    const pid_t done = waitpid(pid_, &status, WNOHANG);
-    if (done == pid_ || (done < 0 && errno != EINTR)) break;
-    if (std::chrono::steady_clock::now() >= deadline) {
+  for (pid_t done; (done = waitpid(pid_, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR);) {
+    // Past the time-out the group is killed and the next round reaps it.
+    if (std::chrono::steady_clock::now() >= deadline && !result.timedOut) {
       result.timedOut = true;
       kill(-pid_, SIGKILL);
-      while (waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-      }
-      break;
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
@@ -360,10 +328,8 @@ void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::s
   const RunResult& result = run.Wait();
   EXPECT_FALSE(result.timedOut);
   EXPECT_EQ(result.exitCode, exitCode) << result.err;
-  if (successLine)
-    EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
-  else
-    EXPECT_EQ(result.out, "");
+  EXPECT_TRUE(successLine ? IsPointerLine(result.out, "VLX file written: ") : result.out.empty())
+      << result.out;
   EXPECT_EQ(result.err, err);
   EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
 }
@@ -371,11 +337,9 @@ void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::s
 std::vector<std::string> WorkingDirs(const std::string& directory) {
   // "extract" and the run number, which is negative for a clock before 1970.
   std::vector<std::string> found;
-  for (const std::string& entry : ListDir(directory)) {
-    if (entry.rfind("extract", 0) != 0) continue;
-    if (OnlyFrom(entry, entry.size() > 7 && entry[7] == '-' ? 8 : 7, "0123456789"))
+  for (const std::string& entry : ListDir(directory))
+    if (entry.rfind("extract", 0) == 0 && OnlyFrom(entry, entry[7] == '-' ? 8 : 7, "0123456789"))
       found.push_back(entry);
-  }
   return found;
 }
 
@@ -391,19 +355,14 @@ std::map<std::string, std::string> Snapshot(const std::string& directory) {
 }
 
 std::vector<std::string> ArchiveNames(const std::string& archive) {
-  const RunResult read = Python(
-      "import sys, zipfile\n"
-      "with zipfile.ZipFile(sys.argv[1]) as z:\n"
-      "    bad = z.testzip()\n"
-      "    if bad: sys.exit('damaged entry ' + bad)\n"
-      "    sys.stdout.buffer.write(b''.join(n.encode() + b'\\n' for n in z.namelist()))\n",
-      {archive});
-  EXPECT_EQ(read.exitCode, 0) << read.err;
+  std::istringstream lines(
+      Zip("bad = z.testzip()\n"
+          "if bad: sys.exit('damaged entry ' + bad)\n"
+          "sys.stdout.buffer.write(b''.join(n.encode() + b'\\n' for n in z.namelist()))\n",
+          {archive}));
   std::vector<std::string> names;
-  for (std::string line : Lines(read.out)) {
-    line.pop_back();
+  for (std::string line; std::getline(lines, line);)
     if (!line.empty()) names.push_back(line);
-  }
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -416,15 +375,11 @@ std::vector<std::string> ArchiveLeaves(const std::string& archive) {
 }
 
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf) {
-  const RunResult read = Python(
-      "import sys, zipfile\n"
-      "with zipfile.ZipFile(sys.argv[1]) as z:\n"
-      "    names = [n for n in z.namelist() if n.rsplit('/', 1)[-1] == sys.argv[2]]\n"
-      "    if len(names) != 1: sys.exit('%d entries named %s' % (len(names), sys.argv[2]))\n"
-      "    sys.stdout.buffer.write(z.read(names[0]))\n",
+  return Zip(
+      "names = [n for n in z.namelist() if n.rsplit('/', 1)[-1] == sys.argv[2]]\n"
+      "if len(names) != 1: sys.exit('%d entries named %s' % (len(names), sys.argv[2]))\n"
+      "sys.stdout.buffer.write(z.read(names[0]))\n",
       {archive, leaf});
-  EXPECT_EQ(read.exitCode, 0) << read.err;
-  return read.out;
 }
 
 std::string Leaf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }

@@ -20,10 +20,9 @@ namespace veltest {
 
 using EnvMap = std::map<std::string, std::optional<std::string>>;
 
-// A small sample design (make-design, seed 5, 300 connectivity records), made
-// once per test program.
+// A design from make-design in `directory`; the sample design (seed 5, 300
+// connectivity records) is made once per test program.
 const std::string& SampleDesign();
-// A design from make-design in `directory`.
 std::string MakeDesign(const std::string& directory, int seed, int connRecords);
 
 // A copy of `design` at `path` whose connectivity table holds exactly one
@@ -40,18 +39,16 @@ std::string PlainConnectivity(const std::string& design, const std::string& scra
 // rest, the S records sorted (to compare as multisets), one field's values.
 std::vector<std::string> Lines(const std::string& bytes);
 struct ViewParts {
-  std::string header;
-  std::string body;
+  std::string header, body;
 };
 ViewParts SplitHeader(const std::string& bytes);
 std::vector<std::string> SortedRecords(const std::string& bytes);
 std::vector<std::string> FieldValues(const std::string& bytes, const std::string& field);
 
-// One line of the stand-in's run log (EXTRACTA_SIM_LOG); the log's runs in the
-// order they started; the most runs under way at one moment.
+// The stand-in's run log (EXTRACTA_SIM_LOG), one line a run, read in the order
+// the runs started; the most runs under way at one moment.
 struct SimRun {
-  uint64_t startNs = 0;
-  uint64_t endNs = 0;
+  uint64_t startNs = 0, endNs = 0;
   int pid = 0;
   std::string control;  // control file name, no directory
 };
@@ -61,13 +58,11 @@ int MostAtOnce(const std::vector<SimRun>& runs);
 struct LaunchOptions {
   std::string cwd;  // empty: the test's current directory
   EnvMap env;       // on top of the defaults of ProgramRun; nullopt unsets
-  // Runs the program as the unprivileged user "nobody" when the tests run as
-  // root, for whom no directory is ever unwritable; the program and
-  // extracta-sim then run from copies that user can reach.
+  // As the user "nobody" when the tests run as root (for whom no directory is
+  // unwritable), from copies of the program and extracta-sim it can reach.
   bool unprivileged = false;
-  // A soft limit on the size of any file the program writes (RLIMIT_FSIZE),
-  // standing in for a disk that fills up; 0: none. The hard limit stays, so a
-  // child may raise its own soft limit again.
+  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
+  // stays, so a child may raise its own soft limit again.
   long long fileSizeLimit = 0;
 };
 
@@ -84,8 +79,8 @@ class ProgramRun {
   pid_t pid() const { return pid_; }
   // Waits for the end (killing the run's process group after the time-out).
   const RunResult& Wait(double timeoutSeconds = 120);
-  // The processes of this run other than the program itself that still run
-  // (zombies do not count), as "pid command line" texts.
+  // The run's processes but the program itself that still run (zombies do
+  // not count), as "pid command line" texts.
   std::vector<std::string> Survivors() const;
 
  private:
@@ -101,31 +96,27 @@ class ProgramRun {
 // value) or nothing, standard error exactly `err`, and no process of the run
 // left.
 void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::string& err);
+// True when the text is exactly the label, a pointer value ("0x" and
+// hexadecimal digits) and a line feed.
+bool IsPointerLine(const std::string& text, const std::string& label);
 
-// The entries "extract" + run number of a directory.
+// The entries "extract" + run number of a directory; every file (relative
+// path -> bytes) and directory (-> "<dir>") under one, to compare before and
+// after a run.
 std::vector<std::string> WorkingDirs(const std::string& directory);
-// Every file (relative path -> bytes) and directory (-> "<dir>") under a
-// directory, to compare a place before and after a run.
 std::map<std::string, std::string> Snapshot(const std::string& directory);
 
-// Entry names of a zip archive as Python's zipfile reads them after its own
-// integrity test, sorted; empty (with a failed expectation) when damaged.
+// A zip archive's entry names as Python's zipfile reads them after its own
+// integrity test, sorted (empty, with a failed expectation, when damaged);
+// their file name parts, sorted; the bytes of the entry named `leaf`.
 std::vector<std::string> ArchiveNames(const std::string& archive);
-// The file name parts of the archive's entries, sorted.
 std::vector<std::string> ArchiveLeaves(const std::string& archive);
-// The bytes of the entry whose file name part is `leaf`.
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf);
 std::string Leaf(const std::string& path);
-
-// True when the text is exactly one outcome line: the label, a pointer value
-// ("0x" and hexadecimal digits) and a line feed.
-bool IsPointerLine(const std::string& text, const std::string& label);
 
 // An executable shell script `directory`/`name` that runs extracta-sim with
 // the run's arguments after the `before` commands and then the `after` ones.
 std::string WrappedExtractor(const std::string& directory, const std::string& name,
                              const std::string& before, const std::string& after = "");
-
-bool RunningAsRoot();
 
 }  // namespace veltest
