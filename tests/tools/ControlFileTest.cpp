@@ -13,22 +13,8 @@ using extracta_sim::ControlFileError;
 using extracta_sim::ParseCondition;
 using extracta_sim::ParseControlFile;
 
-TEST(ControlFile, DegenerateBlocks) {
-  // Neither filter nor fields: keyword, empty line, a lone tab, END.
-  auto requests = ParseControlFile("PAD_DEF\r\n\r\n\t\r\nEND\r\n\r\n");
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_EQ(requests[0].keyword, "PAD_DEF");
-  EXPECT_TRUE(requests[0].fields.empty());
-  EXPECT_TRUE(requests[0].alternatives.empty());
-
-  // A filter and no fields: the field part is the lone tab line.
-  requests = ParseControlFile("NET\n\n\tNET_NAME != ''\n\n\t\nEND\n\n");
-  ASSERT_EQ(requests.size(), 1u);
-  EXPECT_TRUE(requests[0].fields.empty());
-  ASSERT_EQ(requests[0].alternatives.size(), 1u);
-  EXPECT_FALSE(requests[0].alternatives[0][0].equal);
-
-  // An empty file asks for nothing; a file without its last empty line is whole.
+// Blocks without a filter or fields are read in the extraction tests.
+TEST(ControlFile, EmptyFileAndMissingLastLine) {
   EXPECT_TRUE(ParseControlFile("").empty());
   EXPECT_EQ(ParseControlFile("LAYER\n\n\tLAYER_SORT\n\nEND").size(), 1u);
 }

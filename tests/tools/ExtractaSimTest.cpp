@@ -27,9 +27,10 @@ const char kJob[] =
     "J!hand.mcm!Mon Jan 05 08:00:00 2026!-10.00!-10.00!10.00!10.00!0.01!um!HAND TEST!0.010000 "
     "um!2!UP TO DATE!\r\n";
 
-// Records, in table order: NET_NAME, CLASS, RAT_CONNECTED, REFDES.
+// Records, in table order: NET_NAME, CLASS, RAT_CONNECTED, REFDES. The NET
+// table gives the byte count of its records, CONNECTIVITY leaves it out.
 const char kDesignTables[] =
-    "T!NET!\r\n"
+    "T!NET!9!\r\n"
     "A!NET_NAME!NET_BUS_NAME!\r\n"
     "S!GND!!\r\n"
     "T!CONNECTIVITY!\r\n"
@@ -101,8 +102,11 @@ TEST_F(ExtractaSim, WritesTheAskedFieldsOfTheRecordsItsFiltersKeep) {
       // Asked fields in asked order; a bare value with a blank.
       {"CONNECTIVITY\n\n\tCLASS = VIA CLASS\n\n\tREFDES\n\tNET_NAME\n\tCLASS\n\nEND\n\n",
        "A!REFDES!NET_NAME!CLASS!\r\n", "S!U2!VDD 1V8!VIA CLASS!\r\nS!C2!GND!VIA CLASS!\r\n"},
-      // No field lines: every field of the table, in table order.
+      // No field lines: every field of the table, in table order; also after
+      // a filter.
       {"NET\n\n\t\nEND\n\n", "A!NET_NAME!NET_BUS_NAME!\r\n", "S!GND!!\r\n"},
+      {"CONNECTIVITY\n\n\tNET_NAME = 'CLK'\n\n\t\nEND\n\n",
+       "A!NET_NAME!CLASS!RAT_CONNECTED!REFDES!\r\n", "S!CLK!BONDING WIRE!!U2!\r\n"},
       // Columns that skip one, and a column asked twice.
       {"CONNECTIVITY\n\n\tREFDES = 'U1'\n\n\tNET_NAME\n\tRAT_CONNECTED\n\tREFDES\n\tREFDES\n\n"
        "END\n\n",
@@ -138,10 +142,13 @@ TEST_F(ExtractaSim, WritesTheAskedFieldsOfTheRecordsItsFiltersKeep) {
 
 TEST_F(ExtractaSim, FailsLikeTheRealTool) {
   const List one = {"out0.txt"}, two = {"out0.txt", "out1.txt"};
+  const char *net = "NET\n\n\tNET_NAME\n\nEND\n\n", *conn = "CONNECTIVITY\n\n\tNET_NAME\n\nEND\n\n";
+  const std::string hand = kJob + std::string(kDesignTables);
   const struct {
     const char* control;
     List outputs;
     const char* message;
+    std::string design = "";  // in place of the hand-written one
   } cases[] = {
       // A field the table lacks, in the field list or in a filter, is named.
       {"NET\n\n\tNET_NAME\n\nEND\n\nCONNECTIVITY\n\n\tNET_NAME\n\tPIN_X\n\nEND\n\n", two, "PIN_X"},
@@ -149,59 +156,42 @@ TEST_F(ExtractaSim, FailsLikeTheRealTool) {
       {"CONNECTIVTY\n\n\tNET_NAME\n\nEND\n\n", one, "unknown view keyword CONNECTIVTY"},
       {"LAYER\n\n\tLAYER_SORT\n\nEND\n\n", one, "holds no LAYER table"},
       {"NET\n\n\tNET_NAME\nEND\n\n", one, "control file line 4"},
-      {"NET\n\n\tNET_NAME\n\nEND\n\n", two, "1 view blocks but 2 output files"},
+      {net, two, "1 view blocks but 2 output files"},
+      // A damaged design, reported with where it is: a byte count of a table
+      // stepped over that does not end at the next table line, a short record, no job record.
+      {conn, one, "does not hold the 8 bytes",
+       kJob + std::string("T!NET!8!") + hand.substr(hand.find("\r\nA!NET_NAME!NET_BUS"))},
+      {conn, one, "must have 4 fields", hand + "S!GND!ETCH!!\r\n"},
+      {conn, one, "job record", "T!NET!\r\n"},
   };
   for (const auto& c : cases) {
+    if (!c.design.empty()) WriteFile(design, c.design);
     const auto result = Run(c.control, c.outputs);
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_EQ(result.out.compare(0, 7, "ERROR: "), 0) << result.out;
     EXPECT_NE(result.out.find(c.message), std::string::npos) << result.out;
-    // Nothing is written, not even for a block before the failing one.
-    EXPECT_FALSE(veltest::PathExists(dir_ + "/out0.txt")) << c.message;
+    // Nothing is written, not even for a block before the failing one (the
+    // design is read while extracting).
+    EXPECT_TRUE(!c.design.empty() || !veltest::PathExists(dir_ + "/out0.txt")) << c.message;
   }
 
   // A missing design, an output in a missing directory, and arguments
-  // without an option letter (they are not optional).
+  // without an option letter (they are not optional); paths without quotes
+  // are taken.
+  WriteFile(design, hand);
   const std::string sim = veltest::BinPath("extracta-sim");
   for (const auto& [argv, message] :
        {std::pair{List{sim, "-k", "-c", "-m", dir_ + "/missing.mcm", control, dir_ + "/o"},
                   "missing.mcm"},
         {List{sim, "-k", "-c", "-m", design, control, dir_ + "/no such dir/o.txt"},
          "no such dir/o.txt"},
-        {List{sim, "-k", "-c", design, control, dir_ + "/o"}, "missing -m"}}) {
+        {List{sim, "-k", "-c", design, control, dir_ + "/o"}, "missing -m"},
+        {List{sim, "-k", "-m", design, control, dir_ + "/plain.txt"}, ""}}) {
     const auto result = veltest::RunProgram(argv);
-    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_EQ(result.exitCode, *message ? 1 : 0) << result.out;
     EXPECT_NE(result.out.find(message), std::string::npos) << result.out;
   }
-}
-
-TEST_F(ExtractaSim, AcceptsPathsWithoutQuotesAndReportsDamagedDesigns) {
-  WriteFile(control, CrLf("CONNECTIVITY\n\n\tNET_NAME\n\nEND\n\n"));
-  auto result = veltest::RunProgram(
-      {veltest::BinPath("extracta-sim"), "-k", "-m", design, control, dir_ + "/plain.txt"});
-  ASSERT_EQ(result.exitCode, 0) << result.out;
   EXPECT_EQ(ReadFile(dir_ + "/plain.txt").substr(0, 13), "A!NET_NAME!\r\n");
-
-  // A table line may give the byte count of its records; a count that does
-  // not end at the next table line is refused. Damage is reported with where
-  // it is.
-  const std::string netRecords = kDesignTables + std::string(kDesignTables).find("S!GND!!");
-  const struct {
-    std::string design;
-    const char* message;  // "" for a run that succeeds
-  } cases[] = {
-      {kJob + std::string("T!NET!9!\r\nA!NET_NAME!NET_BUS_NAME!\r\n") + netRecords, ""},
-      {kJob + std::string("T!NET!8!\r\nA!NET_NAME!NET_BUS_NAME!\r\n") + netRecords,
-       "does not hold the 8 bytes"},
-      {kJob + std::string(kDesignTables) + "S!GND!ETCH!!\r\n", "must have 4 fields"},
-      {"T!NET!\r\n", "job record"},
-  };
-  for (const auto& c : cases) {
-    WriteFile(design, c.design);
-    result = RunSim(design, control, {dir_ + "/o.txt"});
-    EXPECT_EQ(result.exitCode, *c.message ? 1 : 0) << result.out;
-    EXPECT_NE(result.out.find(c.message), std::string::npos) << result.out;
-  }
 }
 
 TEST_F(Injection, FailsOnlyRunsWhoseControlFileMatches) {

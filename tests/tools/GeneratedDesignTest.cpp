@@ -26,10 +26,7 @@ class GeneratedDesign : public ::testing::Test {
     veltest::MakeDesign(path, 3, 6000);
     design = std::make_unique<DesignData>(veltest::ParseDesign(ReadFile(path)));
   }
-  static void TearDownTestSuite() {
-    design.reset();
-    dir.reset();
-  }
+  static void TearDownTestSuite() { dir.reset(); }
 
   using List = std::vector<std::string>;
   static inline std::unique_ptr<veltest::TempDir> dir;
@@ -180,11 +177,10 @@ TEST(GeneratedDesignOptions, OptionsShapeTheDesign) {
   EXPECT_EQ(design.tables.at("NET").records.size(), 500u);
   EXPECT_TRUE(design.tables.at("CONNECTIVITY").records.empty());
   EXPECT_TRUE(design.tables.at("FULL_GEOMETRY").records.empty());
-  std::size_t conductors = 0;
-  for (const auto& layer : design.tables.at("LAYER").records) {
-    conductors += layer.at("LAYER_CONDUCTOR") == "YES";
-  }
-  EXPECT_EQ(conductors, 2u);
+  const auto& layers = design.tables.at("LAYER").records;
+  EXPECT_EQ(std::count_if(layers.begin(), layers.end(),
+                          [](const auto& layer) { return layer.at("LAYER_CONDUCTOR") == "YES"; }),
+            2);
 
   for (const std::vector<std::string>& bad : {std::vector<std::string>{"--nets", "3"},
                                               {"--layers", "1"},
