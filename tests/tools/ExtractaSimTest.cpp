@@ -194,9 +194,10 @@ TEST_F(ExtractaSim, FailsLikeTheRealTool) {
   EXPECT_EQ(ReadFile(dir_ + "/plain.txt").substr(0, 13), "A!NET_NAME!\r\n");
 }
 
+// The pattern is matched against the control file's base name only.
 TEST_F(Injection, FailsOnlyRunsWhoseControlFileMatches) {
-  auto result =
-      Inject({{"EXTRACTA_SIM_FAIL", "3:ERROR: bad view"}, {"EXTRACTA_SIM_MATCH", "*GND*"}});
+  auto result = Inject(
+      {{"EXTRACTA_SIM_FAIL", "3:ERROR: bad view"}, {"EXTRACTA_SIM_MATCH", "extracta_*GND*"}});
   EXPECT_EQ(result.exitCode, 3);
   EXPECT_EQ(result.out, "ERROR: bad view");
   EXPECT_FALSE(veltest::PathExists(output));

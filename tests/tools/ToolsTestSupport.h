@@ -1,7 +1,7 @@
 #pragma once
 // Helpers for the tools' tests: the views the program asks for, written as
-// control blocks the way the program writes them; plain readers for view
-// files and design snapshots; and running extracta-sim.
+// control blocks the way the program writes them; a plain reader for design
+// snapshots; and running extracta-sim and make-design.
 //
 // These are written from the file formats, not from the tools' own code, so
 // a fault in a tool's reader or writer shows up as a disagreement here.
