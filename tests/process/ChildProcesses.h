@@ -9,9 +9,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -25,9 +25,7 @@ inline std::string ChildProgram() { return BinPath("vel-test-child"); }
 
 // One child's record, as vel-test-child writes it.
 struct ChildRecord {
-  int pid = 0;
-  long long start = 0;  // CLOCK_MONOTONIC nanoseconds
-  long long end = 0;    // 0: the child never got to its end
+  long long pid = 0, start = 0, end = 0;  // times CLOCK_MONOTONIC ns; end 0: never got there
   std::string cwd, stdinTarget, fds;
   std::vector<std::string> args;  // argv[0] first
 };
@@ -43,9 +41,9 @@ inline std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
     for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
     if (f.size() == 3 && f[0] == "end") {
       for (ChildRecord& record : records)
-        if (record.pid == std::atoi(f[1].c_str())) record.end = std::atoll(f[2].c_str());
+        if (record.pid == std::stoll(f[1])) record.end = std::stoll(f[2]);
     } else if (f.size() >= 7 && f[0] == "start") {
-      records.push_back({std::atoi(f[1].c_str()), std::atoll(f[2].c_str()), 0, f[3], f[4], f[5],
+      records.push_back({std::stoll(f[1]), std::stoll(f[2]), 0, f[3], f[4], f[5],
                          std::vector<std::string>(f.begin() + 6, f.end())});
     }
   }
@@ -58,19 +56,18 @@ inline std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
 inline std::vector<int> ProcessesInGroup(int group, bool liveOnly = false) {
   std::vector<int> members;
   DIR* proc = opendir("/proc");
-  while (dirent* entry = proc ? readdir(proc) : nullptr) {
-    const int pid = std::atoi(entry->d_name);
-    std::ifstream statFile("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat;
-    if (pid <= 0 || !std::getline(statFile, stat)) continue;
+  while (dirent* entry = readdir(proc)) {
     // "pid (comm) state ppid pgrp ...": comm may hold blanks and parentheses.
-    std::istringstream fields(stat.substr(stat.rfind(')') + 1));
+    std::ifstream statFile("/proc/" + std::string(entry->d_name) + "/stat");
+    std::string stat;
     char state = 0;
     int parent = 0, pgrp = 0;
-    fields >> state >> parent >> pgrp;
-    if (pgrp == group && !(liveOnly && state == 'Z')) members.push_back(pid);
+    if (std::getline(statFile, stat) &&
+        std::istringstream(stat.substr(stat.rfind(')') + 1)) >> state >> parent >> pgrp &&
+        pgrp == group && !(liveOnly && state == 'Z'))
+      members.push_back(std::atoi(entry->d_name));
   }
-  if (proc) closedir(proc);
+  closedir(proc);
   return members;
 }
 
@@ -85,26 +82,17 @@ inline bool PollUntil(const std::function<bool()>& condition, double seconds) {
 }
 
 // Sends a signal to this process from another thread 100 ms after `ready`
-// holds, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a wait.
-class DelayedSignal {
- public:
-  using Clock = std::chrono::steady_clock;
-  DelayedSignal(int signal, std::function<bool()> ready)
-      : thread_([this, signal, ready] {
-          PollUntil(ready, 30);
-          std::this_thread::sleep_for(std::chrono::milliseconds(100));
-          sent_ = Clock::now();
-          kill(getpid(), signal);
-        }) {}
-  ~DelayedSignal() { sent(); }
-  Clock::time_point sent() {
-    if (thread_.joinable()) thread_.join();
-    return sent_;
-  }
-
- private:
-  Clock::time_point sent_;
-  std::thread thread_;
-};
+// holds, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a wait;
+// the result is when it was sent (the future waits for that as it goes).
+inline std::future<std::chrono::steady_clock::time_point> SignalWhen(int signal,
+                                                                     std::function<bool()> ready) {
+  return std::async(std::launch::async, [signal, ready] {
+    PollUntil(ready, 30);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const auto sent = std::chrono::steady_clock::now();
+    kill(getpid(), signal);
+    return sent;
+  });
+}
 
 }  // namespace veltest

@@ -75,16 +75,14 @@ class GeneratorTest : public ::testing::Test {
   // What the next children started will do (see vel-test-child).
   void ChildDoes(const std::string& actions) { setenv("VEL_TEST_CHILD", actions.c_str(), 1); }
 
+  static LongFileName Long(const std::string& path) { return LongFileName(AString(path)); }
   Generator Make(ViewType type, const std::string& name = "") {
-    return std::make_unique<ExtractaViewGenerator>(LongFileName(AString(design)),
-                                                   ExtractaViewDef(type, {}, false), WorkingDir(),
-                                                   true, AString(name));
+    return std::make_unique<ExtractaViewGenerator>(Long(design), ExtractaViewDef(type, {}, false),
+                                                   Long(work), true, AString(name));
   }
-
   void RunExtracta(bool generatorOption, const std::vector<ActiveView>& views = {}) {
-    ExtractaViewGenerator::runExtracta(LongFileName(AString(design)),
-                                       LongFileName(AString(work + "extracta_control.txt")),
-                                       generatorOption, views, WorkingDir());
+    ExtractaViewGenerator::runExtracta(Long(design), Long(work + "extracta_control.txt"),
+                                       generatorOption, views, Long(work));
   }
 
   // The processes left in a child's group. Any found are killed: they are
@@ -95,7 +93,6 @@ class GeneratorTest : public ::testing::Test {
     return left;
   }
 
-  LongFileName WorkingDir() const { return LongFileName(AString(work)); }
   std::vector<veltest::ChildRecord> Started() const { return veltest::ReadChildRecords(records); }
 
   veltest::TempDir temp;
@@ -184,13 +181,8 @@ TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
 
   // A control file that cannot be written names the working directory.
   setenv("VELTAR_EXTRACTA_PATHOVERRIDE", program.c_str(), 1);
-  const std::string missing = temp / "missing/";
-  EXPECT_EQ(FailureOf([&] {
-              ExtractaViewGenerator(LongFileName(AString(design)),
-                                    ExtractaViewDef(kLayer, {}, false),
-                                    LongFileName(AString(missing)), true, AString());
-            }),
-            "ExtractaViewGenerator failed to write file " + missing);
+  work = temp / "missing/";
+  EXPECT_EQ(FailureOf([&] { Make(kLayer); }), "ExtractaViewGenerator failed to write file " + work);
   EXPECT_EQ(ExtractaViewGenerator::runningCount() + ExtractaViewGenerator::waitingCount(), 0u);
   EXPECT_EQ(Started().size(), 1u) << "no child was started";
 }
@@ -273,28 +265,28 @@ TEST_F(GeneratorTest, QueuedChildrenStartInCreationOrderOneAtATime) {
 }
 
 TEST_F(GeneratorTest, NoProcessOfAGeneratorsTreeOutlivesIt) {
-  // A child that ended by itself: what it left running in its group is ended.
-  ChildDoes("grandchild=" + grandchild);
-  Generator finished = Make(kOutline);
-  int group = VeltProcessId(finished->childProcess());
-  finished->waitForViewFile();
-  EXPECT_EQ(LeftIn(group), std::vector<int>{}) << "no process, no zombie";
-
-  // A generator dropped while its child runs ends the child's whole tree.
-  unlink(grandchild.c_str());
-  ChildDoes("grandchild=" + grandchild + ";sleep=60000");
-  Generator running = Make(kComponent);
-  group = VeltProcessId(running->childProcess());
-  ASSERT_TRUE(veltest::PollUntil([&] { return veltest::PathExists(grandchild); }, 30));
-  const int grandchildPid = std::stoi(veltest::ReadFile(grandchild));
-  EXPECT_EQ(veltest::ProcessesInGroup(group).size(), 2u);
-  Traces traces;
-  running.reset();
-  EXPECT_THAT(
-      traces.lines,
-      ElementsAre(Pair(1, "*ExtractaViewGenerator destructor: VeltTerminateProcessTree\n")));
-  EXPECT_EQ(LeftIn(group), std::vector<int>{}) << "no process, no zombie";
-  EXPECT_NE(kill(grandchildPid, 0), 0);
+  // Whether the child ended by itself, leaving a grandchild in its group, or
+  // the generator is dropped while the child runs, the whole tree is ended.
+  for (const bool running : {false, true}) {
+    unlink(grandchild.c_str());
+    ChildDoes("grandchild=" + grandchild + (running ? ";sleep=60000" : ""));
+    Generator generator = Make(kComponent);
+    const int group = VeltProcessId(generator->childProcess());
+    ASSERT_TRUE(veltest::PollUntil([&] { return veltest::PathExists(grandchild); }, 30));
+    const int grandchildPid = std::stoi(veltest::ReadFile(grandchild));
+    if (running) {
+      EXPECT_EQ(veltest::ProcessesInGroup(group).size(), 2u);
+      Traces traces;
+      generator.reset();
+      EXPECT_THAT(traces.lines, ElementsAre(Pair(1,
+                                                 "*ExtractaViewGenerator destructor: "
+                                                 "VeltTerminateProcessTree\n")));
+    } else {
+      generator->waitForViewFile();
+    }
+    EXPECT_EQ(LeftIn(group), std::vector<int>{}) << "no process, no zombie";
+    EXPECT_NE(kill(grandchildPid, 0), 0);
+  }
   EXPECT_EQ(ExtractaViewGenerator::runningCount(), 0u);
 }
 
@@ -308,13 +300,13 @@ TEST_F(GeneratorTest, InterruptFailsTheWaitAndNoChildOutlivesItByASecond) {
   generators.push_back(Make(kLayer));
   generators.push_back(Make(kNet));  // queued
   const int group = VeltProcessId(generators[0]->childProcess());
-  veltest::DelayedSignal terminate(SIGTERM, [&] { return veltest::PathExists(grandchild); });
+  auto terminate = veltest::SignalWhen(SIGTERM, [&] { return veltest::PathExists(grandchild); });
   EXPECT_EQ(FailureOf([&] { generators[1]->waitForViewFile(); }), "interrupted by signal 15");
   EXPECT_EQ(InterruptSignal(), SIGTERM);
   // The handler ended them: the generators have not been dropped yet.
   EXPECT_TRUE(
       veltest::PollUntil([&] { return veltest::ProcessesInGroup(group, true).empty(); }, 3));
-  EXPECT_LT(std::chrono::steady_clock::now() - terminate.sent(), std::chrono::seconds(1));
+  EXPECT_LT(std::chrono::steady_clock::now() - terminate.get(), std::chrono::seconds(1));
   EXPECT_EQ(generators[1]->childProcess(), nullptr) << "the queued one never started";
   // Every wait fails now, even for a view that was done before.
   EXPECT_EQ(FailureOf([&] { done->waitForViewFile(); }), "interrupted by signal 15");

@@ -125,7 +125,7 @@ TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
   InstallInterruptHandlers();
   ClearInterruptRequest();
   std::atomic<bool> blocked{false};
-  veltest::DelayedSignal interrupt(SIGTERM, [&] { return blocked.load(); });
+  auto interrupt = veltest::SignalWhen(SIGTERM, [&] { return blocked.load(); });
   sigset_t terminate, previous;
   sigemptyset(&terminate);
   sigaddset(&terminate, SIGTERM);
@@ -133,7 +133,7 @@ TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
   blocked = true;
   VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 60000);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  EXPECT_LT(Clock::now() - interrupt.sent(), std::chrono::seconds(30));
+  EXPECT_LT(Clock::now() - interrupt.get(), std::chrono::seconds(30));
   EXPECT_TRUE(InterruptRequested());
   // Once the request is cleared, waits sleep again.
   ClearInterruptRequest();
