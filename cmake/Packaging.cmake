@@ -1,0 +1,37 @@
+# The packages, by CPack from the installed layout: a Debian package on Linux,
+# a zip on Windows. Both carry the version of the top CMakeLists.txt.
+set(CPACK_PACKAGE_NAME velextracta)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_VENDOR "The VelExtracta developers")
+set(CPACK_PACKAGE_CONTACT "The VelExtracta developers <velextracta@users.noreply.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "extracts text views of package designs through extracta")
+set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/packages)
+set(CPACK_RESOURCE_FILE_LICENSE ${PROJECT_SOURCE_DIR}/LICENSE)
+set(CPACK_STRIP_FILES ON)
+
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+  set(CPACK_PACKAGE_FILE_NAME velextracta-${PROJECT_VERSION}-win64)
+  set(CPACK_INCLUDE_TOPLEVEL_DIRECTORY ON)
+else()
+  set(CPACK_GENERATOR DEB)
+  set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)  # velextracta_<version>_<arch>.deb
+  set(CPACK_DEBIAN_PACKAGE_SECTION electronics)
+  set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+  # Runtime libraries only, as dpkg-shlibdeps finds them from the binaries.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  # The extended description, below the summary line.
+  set(CPACK_DEBIAN_PACKAGE_DESCRIPTION
+      "VelExtracta turns a package-substrate design into plain-text views (layer
+stack-up, pads, geometry, connectivity, nets, components, outline, die stacks,
+composite pads, logical pins) by running the layout system's extraction tool
+extracta, several processes side by side, and packs them into one zip archive.
+The package also holds extracta-sim, a stand-in for extracta, and make-design,
+which writes sample designs for it.")
+  # Directories CPack creates itself get these, whatever the umask.
+  set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+      OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+endif()
+
+include(CPack)
