@@ -15,6 +15,7 @@
 #include <boost/filesystem.hpp>
 
 #include "app/CommandLine.h"
+#include "app/Progress.h"
 #include "core/AString.h"
 #include "core/Interrupt.h"
 #include "core/VelAssert.h"
@@ -50,10 +51,12 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   const fs::path base =
       fs::is_directory(fs::status(outputPath)) ? outputPath : designPath.parent_path();
 
+  ProgressLine progress(executor);
   std::vector<ActiveView> activeViews;
   const bool created = executor.createExtractaViews(designText, AString(base.string()), views,
                                                     options.nets, activeViews);
   if (created && !options.adds.empty()) executor.addFilesToWorkingDir(options.adds);
+  progress.clear();
 
   // An interrupted run delivers nothing, whatever its children had finished.
   if (!created || InterruptRequested()) {
@@ -63,8 +66,10 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   }
 
   const AString filterExtension = options.adds.empty() ? AString(".txt") : AString();
+  progress.step("packing");
   const bool packed = options.zip ? executor.zipActiveViews(outputText, filterExtension)
                                   : executor.moveActiveViews(outputText, filterExtension);
+  progress.clear();
   std::cout << "VLX file written: " << PathValue(outputText) << "\n";
   if (!packed) {
     VEL_ASSERT(!"view zip or move failed");

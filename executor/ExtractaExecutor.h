@@ -5,6 +5,7 @@
 // removes the working directory when destroyed (unless VELTAR_EXTRACTA_DEBUG
 // is defined then).
 
+#include <functional>
 #include <vector>
 
 #include "core/AString.h"
@@ -38,6 +39,11 @@ class ExtractaExecutor {
   bool addFilesToWorkingDir(const std::vector<AString>& files);
   bool zipActiveViews(const AString& outputPath, const AString& filterExtension);
   bool moveActiveViews(const AString& outputPath, const AString& filterExtension);
+
+  // Told the name of each step after extraction as the run enters it
+  // ("merging connectivity"), so that the caller can show progress; null when
+  // nobody listens.
+  std::function<void(const char* step)> onStep;
 
   LongFileName getWorkingDir() const { return workingDir; }
   const AString& getErrorMessage() const { return errorMessage; }

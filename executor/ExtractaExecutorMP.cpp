@@ -362,7 +362,9 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
       ConnectivityMerge merge(combinedPath);
       for (const GeneratorPtr& generator : connGenerators) {
-        merge.add(generator->waitForViewFile().path);
+        const AString piece = generator->waitForViewFile().path;
+        if (onStep) onStep("merging connectivity");
+        merge.add(piece);
       }
       VelDebug(2, L"createExtractaControlFileAndViewsMP merged %d files, %lld bytes in %lld us\n",
                merge.filesAdded(), static_cast<long long>(merge.bytesWritten()),

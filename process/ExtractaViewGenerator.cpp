@@ -15,6 +15,8 @@
 
 std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::waitingGenerators;
 std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::runningGenerators;
+std::size_t ExtractaViewGenerator::endedChildren = 0;
+std::function<void(const ExtractaViewGenerator::PoolState&)> ExtractaViewGenerator::observer;
 uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
     ExtractaViewGenerator::DefaultConcurrencyLimit();
 
@@ -225,6 +227,7 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
   try {
     while (ProcessRunning(handle, executable, pipe.ReadHandle(), output)) {
       ThrowIfInterrupted();
+      tellObserver(1);
       SleepBetweenPasses({handle}, {pipe.ReadHandle()});
     }
   } catch (...) {
@@ -236,6 +239,8 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
   // And with its success: nothing extracta leaves behind may outlive the run.
   VeltTerminateProcessTree(handle);
   VeltCloseProcessHandle(handle);
+  ++endedChildren;
+  tellObserver(0);
 }
 
 void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
@@ -270,6 +275,7 @@ bool ExtractaViewGenerator::checkFinished() {
     VeltCloseProcessHandle(processHandle);
     processHandle = nullptr;
     RemoveAll(runningGenerators, this);
+    ++endedChildren;
   }
   return running;
 }
@@ -282,11 +288,19 @@ void ExtractaViewGenerator::pollProcesses() {
     waitingGenerators.front()->startOrQueue();
 }
 
+void ExtractaViewGenerator::tellObserver(std::size_t runningOutsidePool) {
+  if (!observer) return;
+  PoolState state = poolState();
+  state.running += runningOutsidePool;
+  observer(state);
+}
+
 ActiveView ExtractaViewGenerator::waitForViewFile() {
   for (;;) {
     ThrowIfInterrupted();
     if (!Contains(waitingGenerators, this) && !checkFinished()) break;
     pollProcesses();
+    tellObserver(0);
     std::vector<VeltProcessHandle> children;
     std::vector<VeltPipeHandle> pipes;
     for (const ExtractaViewGenerator* generator : runningGenerators) {
@@ -295,5 +309,6 @@ ActiveView ExtractaViewGenerator::waitForViewFile() {
     }
     SleepBetweenPasses(children, pipes);
   }
+  tellObserver(0);
   return ActiveView{viewType, outputFile.FilePath()};
 }

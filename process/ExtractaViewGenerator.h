@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "core/AString.h"
@@ -49,6 +50,18 @@ class ExtractaViewGenerator {
   static uint32_t ConcurrencyLimitFor(unsigned hardwareThreads);
   static uint32_t DefaultConcurrencyLimit();
 
+  // How far the children have got: those ended since the program began, those
+  // running (in the pool or started by runExtracta) and those queued.
+  struct PoolState {
+    std::size_t ended = 0, running = 0, waiting = 0;
+  };
+  static PoolState poolState() {
+    return PoolState{endedChildren, runningGenerators.size(), waitingGenerators.size()};
+  }
+  // Told the state after every pass of a wait and when a wait ends, so that
+  // the caller can show progress; null when nobody listens.
+  static std::function<void(const PoolState&)> observer;
+
   // For tests and diagnostics: the pool's queue lengths and this generator's
   // child (null while queued or after its child was reaped).
   static std::size_t runningCount() { return runningGenerators.size(); }
@@ -71,6 +84,7 @@ class ExtractaViewGenerator {
   static void runAndWait(const AString& executable, const std::vector<AString>& arguments,
                          const LongFileName& workingDir);
   static void pollProcesses();
+  static void tellObserver(std::size_t runningOutsidePool);
 
   void startOrQueue();
   bool checkFinished();
@@ -81,6 +95,7 @@ class ExtractaViewGenerator {
   // leaves both when it is destroyed.
   static std::deque<ExtractaViewGenerator*> waitingGenerators;
   static std::deque<ExtractaViewGenerator*> runningGenerators;
+  static std::size_t endedChildren;
 
   ViewType viewType;
   AString name;  // sanitised: letters, digits, "-" and "_" only

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -245,3 +246,54 @@ TEST(WorkingDirRunTest, TheRunNumberFollowsTheLocalClock) {
 }
 
 }  // namespace
+
+// On a terminal, standard error carries one status line rewritten in place
+// and erased before any other line; on a pipe or with the debug variable set,
+// nothing of it.
+TEST(TerminalRunTest, AStatusLineShowsOnATerminalOnly) {
+  TempDir dir;
+  const std::string design = MakeDesign(dir.path(), 11, 60000);
+  struct Case {
+    int columns;  // 0: standard error on a pipe
+    bool outputOnTerminal;
+    EnvMap env;
+    int exitCode;
+    const char* errEnd;  // a pattern for how standard error ends
+    bool status;
+  };
+  const EnvMap failing = {{"EXTRACTA_SIM_MATCH", "*remainder*"}, {"EXTRACTA_SIM_FAIL", "3:no"}};
+  const std::vector<Case> cases = {
+      {30, true, {}, 0, R"(\r\x1b\[KVLX file written: 0x[0-9a-f]+\n$)", true},
+      {200, false, failing, 1, R"(\r\x1b\[Kview creation failed \(1\)\.\n$)", true},
+      {0, false, {}, 0, "^$", false},
+      // Last: the working directory it keeps would clash with a later run's.
+      {80, false, {{"VELTAR_EXTRACTA_DEBUG", ""}}, 0, R"(\n$)", false},
+  };
+  const std::regex update(R"(\r(\[(\d+)/(\d+)\][^\r\x1b]*)\x1b\[K)");
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    SCOPED_TRACE(i);
+    LaunchOptions options;
+    options.env = cases[i].env;
+    options.terminalColumns = cases[i].columns;
+    options.outputOnTerminal = cases[i].outputOnTerminal;
+    ProgramRun run({"-z", design, dir / ("out" + std::to_string(i) + ".vlx")}, options);
+    const RunResult& result = run.Wait();
+    EXPECT_EQ(result.exitCode, cases[i].exitCode) << result.err;
+    EXPECT_TRUE(std::regex_search(result.err, std::regex(cases[i].errEnd))) << result.err;
+    if (cases[i].columns == 0) {
+      EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: "));
+    }
+
+    std::vector<std::string> shown;
+    for (std::sregex_iterator it(result.err.begin(), result.err.end(), update), end; it != end;
+         ++it) {
+      EXPECT_LE(std::stoul((*it)[2]), std::stoul((*it)[3])) << (*it)[1];
+      EXPECT_LT((*it)[1].length(), static_cast<std::size_t>(cases[i].columns)) << (*it)[1];
+      if (shown.empty() || shown.back() != (*it)[1]) shown.push_back((*it)[1]);
+    }
+    if (cases[i].status)
+      EXPECT_GE(shown.size(), 3u) << result.err;
+    else
+      EXPECT_EQ(result.err.find_first_of("\r\x1b"), std::string::npos);
+  }
+}

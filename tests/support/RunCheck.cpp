@@ -3,10 +3,12 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <pty.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -266,14 +268,27 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
 
   const std::string out = streams_ / "out", err = streams_ / "err";
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  int terminalSide = -1;
+  if (options.terminalColumns > 0) {
+    termios modes{};
+    cfmakeraw(&modes);
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = static_cast<unsigned short>(options.terminalColumns);
+    if (openpty(&terminal_, &terminalSide, nullptr, &modes, &size) != 0)
+      throw std::runtime_error("openpty failed");
+    fcntl(terminal_, F_SETFD, FD_CLOEXEC);
+    fcntl(terminal_, F_SETFL, O_NONBLOCK);
+    fcntl(terminalSide, F_SETFD, FD_CLOEXEC);
+  }
   pid_ = fork();
   if (pid_ < 0) throw std::runtime_error("fork failed");
   if (pid_ == 0) {
     // Only async-signal-safe calls from here on.
     setpgid(0, 0);
     if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
-        dup2(open(out.c_str(), flags, 0600), 1) != 1 ||
-        dup2(open(err.c_str(), flags, 0600), 2) != 2)
+        dup2(options.outputOnTerminal ? terminalSide : open(out.c_str(), flags, 0600), 1) != 1 ||
+        dup2(terminalSide >= 0 ? terminalSide : open(err.c_str(), flags, 0600), 2) != 2)
       _exit(126);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
     if (options.fileSizeLimit > 0) {
@@ -288,12 +303,20 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
     _exit(127);
   }
   setpgid(pid_, pid_);
+  if (terminalSide >= 0) close(terminalSide);
+}
+
+void ProgramRun::ReadTerminal() {
+  char buffer[4096];
+  for (ssize_t got; terminal_ >= 0 && (got = read(terminal_, buffer, sizeof buffer)) > 0;)
+    shown_.append(buffer, static_cast<std::size_t>(got));
 }
 
 ProgramRun::~ProgramRun() {
   if (!result_) Wait(0);
   // A test that failed may have left processes behind; they go with it.
   for (const auto& [pid, command] : MarkedProcesses(mark_)) kill(pid, SIGKILL);
+  if (terminal_ >= 0) close(terminal_);
 }
 
 const RunResult& ProgramRun::Wait(double timeoutSeconds) {
@@ -308,11 +331,13 @@ const RunResult& ProgramRun::Wait(double timeoutSeconds) {
       result.timedOut = true;
       kill(-pid_, SIGKILL);
     }
+    ReadTerminal();  // a full terminal would hold the program up
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  ReadTerminal();
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = ReadIfAny(streams_ / "out");
-  result.err = ReadIfAny(streams_ / "err");
+  result.err = terminal_ >= 0 ? shown_ : ReadIfAny(streams_ / "err");
   result_ = result;
   return *result_;
 }

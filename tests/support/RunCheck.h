@@ -64,6 +64,11 @@ struct LaunchOptions {
   // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
   // stays, so a child may raise its own soft limit again.
   long long fileSizeLimit = 0;
+  // Above 0: standard error on a pseudo-terminal this many columns wide (no
+  // output processing, so its bytes arrive as written); what it showed is the
+  // run's `err`.
+  int terminalColumns = 0;
+  bool outputOnTerminal = false;  // standard output there too
 };
 
 // One run of VelExtracta, started in the background. Unless the options say
@@ -89,6 +94,9 @@ class ProgramRun {
   TempDir streams_;
   std::optional<TempDir> programCopy_;
   std::optional<RunResult> result_;
+  int terminal_ = -1;  // the pseudo-terminal's master side
+  std::string shown_;  // what the terminal received so far
+  void ReadTerminal();
 };
 
 // Waits for the run and checks its outcome: not timed out, the exit code, on
