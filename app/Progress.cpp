@@ -67,6 +67,8 @@ void ProgressLine::draw() {
   std::string line(text);
   const std::size_t width = static_cast<std::size_t>(StandardErrorColumns());
   if (line.size() >= width) line.resize(width > 1 ? width - 1 : 0);
+  if (shown_ && line == line_) return;
   std::cerr << '\r' << line << "\x1b[K" << std::flush;
+  line_ = line;
   shown_ = true;
 }

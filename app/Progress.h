@@ -39,6 +39,7 @@ class ProgressLine {
   Clock::time_point start_ = Clock::now();
   Clock::time_point drawn_{};
   bool shown_ = false;
+  std::string line_;             // as last drawn
   std::size_t endedBefore_ = 0;  // children of earlier runs in this process
   ExtractaViewGenerator::PoolState pool_;
   std::string step_ = "extracting";
