@@ -247,6 +247,7 @@ TEST(WorkingDirRunTest, TheRunNumberFollowsTheLocalClock) {
 
 }  // namespace
 
+#ifndef _WIN32  // pseudo-terminals are POSIX
 // On a terminal, standard error carries one status line rewritten in place
 // and erased before any other line; on a pipe or with the debug variable set,
 // nothing of it.
@@ -297,3 +298,4 @@ TEST(TerminalRunTest, AStatusLineShowsOnATerminalOnly) {
       EXPECT_EQ(result.err.find_first_of("\r\x1b"), std::string::npos);
   }
 }
+#endif
