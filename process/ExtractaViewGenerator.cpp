@@ -6,8 +6,6 @@
 #include <fstream>
 #include <thread>
 
-#include <boost/thread/thread.hpp>
-
 #include "core/ExtractaParserException.h"
 #include "core/Interrupt.h"
 #include "core/VelDebug.h"
@@ -65,7 +63,7 @@ uint32_t ExtractaViewGenerator::ConcurrencyLimitFor(unsigned hardwareThreads) {
 }
 
 uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
-  return ConcurrencyLimitFor(boost::thread::hardware_concurrency());
+  return ConcurrencyLimitFor(std::thread::hardware_concurrency());
 }
 
 ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,

@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -20,7 +21,6 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <boost/filesystem.hpp>
 
 #include "views/ExtractaViewControl.h"
 #include "views/ExtractaViewDef.h"
@@ -29,7 +29,7 @@ extern char** environ;
 
 namespace veltest {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 namespace {
 

@@ -12,15 +12,14 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include <boost/filesystem.hpp>
-
 namespace veltest {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
@@ -32,7 +31,7 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
-  boost::system::error_code ec;
+  std::error_code ec;
   // Tests may leave read-only directories behind; make them removable first.
   for (fs::recursive_directory_iterator it(path_, ec), end; !ec && it != end; it.increment(ec)) {
     if (fs::is_directory(it->symlink_status())) chmod(it->path().c_str(), 0700);
