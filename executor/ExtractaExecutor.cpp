@@ -112,7 +112,10 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
 
   const LongFileName controlFile(workingDir.FilePath() + L"extracta_control.txt");
   {
-    std::ofstream control(VEL_ANSI(controlFile.FilePath()), std::ios::out | std::ios::trunc);
+    // Binary: the writer ends each line with CR LF itself, which a text
+    // stream on Windows would turn into CR CR LF.
+    std::ofstream control(VEL_ANSI(controlFile.FilePath()),
+                          std::ios::out | std::ios::trunc | std::ios::binary);
     // A control file that could not be written shows up as extracta's failure.
     WriteControlFile(control, views, nets);
   }

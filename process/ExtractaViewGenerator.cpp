@@ -78,7 +78,10 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
     const LongFileName controlFile(directory + AString("extracta_control_") +
                                    ViewTypeName(viewType) + this->name + AString(".txt"));
     {
-      std::ofstream control(VEL_ANSI(controlFile.FilePath()), std::ios::out | std::ios::trunc);
+      // Binary: the writer ends each line with CR LF itself, which a text
+      // stream on Windows would turn into CR CR LF.
+      std::ofstream control(VEL_ANSI(controlFile.FilePath()),
+                            std::ios::out | std::ios::trunc | std::ios::binary);
       WriteViewBlock(viewDef, control);
       // A full disk may show only when the stream writes its buffer out.
       control.flush();
