@@ -9,10 +9,9 @@
 
 #include <clocale>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "app/CommandLine.h"
 #include "app/Progress.h"
@@ -24,12 +23,15 @@
 
 #define VEL_ASSERT_SOURCE "VelExtracta"
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 namespace {
 
-bool Exists(const fs::file_status& status) {
-  return status.type() != fs::status_error && status.type() != fs::file_not_found;
+bool Exists(const fs::file_status& status) { return fs::exists(status); }
+
+// An empty path stands for the current directory itself.
+fs::path Absolute(const fs::path& path) {
+  return path.empty() ? fs::current_path() : fs::absolute(path);
 }
 
 // The outcome lines carry the address of a path's wide text, not the text
@@ -104,5 +106,5 @@ int main(int argc, char** argv) {
   // extracta runs inside the working directory, so every path it is handed
   // must hold from there: relative paths are resolved against this program's
   // directory before the run begins.
-  return RunExtraction(options, fs::absolute(designPath), fs::absolute(outputPath));
+  return RunExtraction(options, Absolute(designPath), Absolute(outputPath));
 }

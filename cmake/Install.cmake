@@ -5,14 +5,20 @@
 # system, not from subprojects with install rules of their own.
 include(GNUInstallDirs)
 
-install(TARGETS VelExtracta extracta-sim make-design RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-
 if(WIN32)
-  # A zip unpacked anywhere: the documents sit beside bin/.
+  # The Windows zip: the three programs at the top of one folder with the
+  # README, the project's licence and the licences of everything linked into
+  # them (gathered by scripts/build-windows into VEL_WINDOWS_DEPS/licences).
+  set(VEL_BIN_DIR .)
   set(VEL_DOC_DIR .)
+  if(VEL_WINDOWS_DEPS AND IS_DIRECTORY ${VEL_WINDOWS_DEPS}/licences)
+    install(DIRECTORY ${VEL_WINDOWS_DEPS}/licences/ DESTINATION licences)
+  endif()
 else()
+  set(VEL_BIN_DIR ${CMAKE_INSTALL_BINDIR})
   set(VEL_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/velextracta)
 endif()
+install(TARGETS VelExtracta extracta-sim make-design RUNTIME DESTINATION ${VEL_BIN_DIR})
 install(FILES README.md LICENSE DESTINATION ${VEL_DOC_DIR})
 install(FILES tools/README.md DESTINATION ${VEL_DOC_DIR} RENAME README.tools.md)
 

@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 namespace {
 
@@ -43,7 +43,7 @@ bool LFN_Delete(const LongFileName& path) {
   // "dir/" would make a link to a directory look like the directory itself;
   // the link is what is removed, never what it points to.
   while (text.size() > 1 && text.back() == '/') text.pop_back();
-  boost::system::error_code ec;
-  boost::filesystem::remove_all(boost::filesystem::path(text), ec);
+  std::error_code ec;
+  std::filesystem::remove_all(std::filesystem::path(text), ec);
   return !ec;
 }

@@ -3,13 +3,14 @@
 
 #include "executor/ExtractaExecutor.h"
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
+#include <filesystem>
 #include <fstream>
-
-#include <boost/date_time/posix_time/posix_time.hpp>
-#include <boost/filesystem.hpp>
+#include <stdexcept>
 
 #include "core/ExtractaParserException.h"
 #include "core/VelAssert.h"
@@ -20,14 +21,30 @@
 
 namespace {
 
+// Days from 1970-01-01 to the given civil date of the proleptic Gregorian
+// calendar (negative before it).
+int64_t DaysSince1970(int64_t year, unsigned month, unsigned day) {
+  year -= month <= 2;
+  const int64_t era = (year >= 0 ? year : year - 399) / 400;
+  const unsigned yearOfEra = static_cast<unsigned>(year - era * 400);
+  const unsigned dayOfYear = (153 * (month > 2 ? month - 3 : month + 9) + 2) / 5 + day - 1;
+  const unsigned dayOfEra = yearOfEra * 365 + yearOfEra / 4 - yearOfEra / 100 + dayOfYear;
+  return era * 146097 + static_cast<int64_t>(dayOfEra) - 719468;
+}
+
 // Seconds since 1970 of the local wall clock (not of UTC), truncated to the
 // low 32 bits: the number that names a run's working directory. Throws when
 // the clock cannot be converted to local time.
 int LocalRunNumber() {
-  namespace pt = boost::posix_time;
-  const pt::ptime now = pt::second_clock::local_time();
-  const pt::ptime epoch(boost::gregorian::date(1970, 1, 1));
-  const int64_t seconds = (now - epoch).total_microseconds() / 1000000;
+  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  // The run number is taken once per run, on the main thread, so the shared
+  // result buffer of localtime is not raced.
+  const std::tm* local = std::localtime(&now);
+  if (!local) throw std::runtime_error("could not convert calendar time to local time");
+  const int64_t days =
+      DaysSince1970(local->tm_year + int64_t{1900}, static_cast<unsigned>(local->tm_mon + 1),
+                    static_cast<unsigned>(local->tm_mday));
+  const int64_t seconds = days * 86400 + local->tm_hour * 3600 + local->tm_min * 60 + local->tm_sec;
   return static_cast<int>(static_cast<uint32_t>(seconds));
 }
 
@@ -80,8 +97,8 @@ bool ExtractaExecutor::deleteWorkingDir() {
 }
 
 void ExtractaExecutor::requireViewFile(const AString& path) {
-  boost::system::error_code error;
-  if (!boost::filesystem::is_regular_file(boost::filesystem::path(VEL_ANSI(path)), error))
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(std::filesystem::path(VEL_ANSI(path)), error))
     throw ExtractaParserException(AString("extracta wrote no view file ") + path);
 }
 
@@ -95,7 +112,10 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
 
   const LongFileName controlFile(workingDir.FilePath() + L"extracta_control.txt");
   {
-    std::ofstream control(VEL_ANSI(controlFile.FilePath()), std::ios::out | std::ios::trunc);
+    // Binary: the writer ends each line with CR LF itself, which a text
+    // stream on Windows would turn into CR CR LF.
+    std::ofstream control(VEL_ANSI(controlFile.FilePath()),
+                          std::ios::out | std::ios::trunc | std::ios::binary);
     // A control file that could not be written shows up as extracta's failure.
     WriteControlFile(control, views, nets);
   }

@@ -3,7 +3,7 @@
 // Packaging works from the directory's listing, not from the list of produced
 // views: whatever the run left there under the filter is delivered.
 
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
@@ -11,19 +11,26 @@
 
 #define VEL_ASSERT_SOURCE "ExtractaExecutor"
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 namespace {
+
+// The extension runs from the last dot of the leaf, dot included, so a leaf
+// that is all extension (".txt") has one; "." and ".." have none.
+std::string Extension(const fs::path& entry) {
+  const std::string leaf = entry.filename().string();
+  const size_t dot = leaf.rfind('.');
+  if (dot == std::string::npos || leaf == "." || leaf == "..") return std::string();
+  return leaf.substr(dot);
+}
 
 // An empty filter passes everything, subdirectories included; otherwise the
 // extension (dot included) must equal the filter exactly, case included.
 bool PassesFilter(const fs::path& entry, const AString& filterExtension) {
-  return filterExtension.empty() || AString(entry.extension().string()).Match(filterExtension);
+  return filterExtension.empty() || AString(Extension(entry)).Match(filterExtension);
 }
 
-bool Exists(const fs::file_status& status) {
-  return status.type() != fs::status_error && status.type() != fs::file_not_found;
-}
+bool Exists(const fs::file_status& status) { return fs::exists(status); }
 
 }  // namespace
 

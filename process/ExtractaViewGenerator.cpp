@@ -6,8 +6,6 @@
 #include <fstream>
 #include <thread>
 
-#include <boost/thread/thread.hpp>
-
 #include "core/ExtractaParserException.h"
 #include "core/Interrupt.h"
 #include "core/VelDebug.h"
@@ -67,7 +65,7 @@ uint32_t ExtractaViewGenerator::ConcurrencyLimitFor(unsigned hardwareThreads) {
 }
 
 uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
-  return ConcurrencyLimitFor(boost::thread::hardware_concurrency());
+  return ConcurrencyLimitFor(std::thread::hardware_concurrency());
 }
 
 ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
@@ -82,7 +80,10 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
     const LongFileName controlFile(directory + AString("extracta_control_") +
                                    ViewTypeName(viewType) + this->name + AString(".txt"));
     {
-      std::ofstream control(VEL_ANSI(controlFile.FilePath()), std::ios::out | std::ios::trunc);
+      // Binary: the writer ends each line with CR LF itself, which a text
+      // stream on Windows would turn into CR CR LF.
+      std::ofstream control(VEL_ANSI(controlFile.FilePath()),
+                            std::ios::out | std::ios::trunc | std::ios::binary);
       WriteViewBlock(viewDef, control);
       // A full disk may show only when the stream writes its buffer out.
       control.flush();

@@ -5,8 +5,7 @@ set -euo pipefail
 
 packages=(
   cmake make g++ pkg-config
-  libboost-dev libboost-filesystem-dev libboost-system-dev libboost-date-time-dev
-  libboost-thread-dev
+  libboost-dev
   libzip-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev

@@ -15,11 +15,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "process/ExtractaViewGenerator.h"
 
@@ -99,7 +98,7 @@ int main(int argc, char** argv) {
   std::printf("median: %d generators %.2f%%, runExtracta %.2f%%\n", children, Median(poolShares),
               Median(singleShares));
 
-  boost::system::error_code ignored;
-  boost::filesystem::remove_all(pattern, ignored);
+  std::error_code ignored;
+  std::filesystem::remove_all(pattern, ignored);
   return 0;
 }

@@ -8,12 +8,12 @@
 #include <unistd.h>
 #include <zip.h>
 
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <random>
 
 #include <gtest/gtest.h>
-#include <boost/filesystem.hpp>
 
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
@@ -61,7 +61,7 @@ Names ArchiveNames(const std::string& path) {
 
 // An executor whose working directory holds what a run leaves behind: view
 // files, the control file, a file with an upper-case extension, one without
-// extension and a subdirectory.
+// extension, one that is all extension and a subdirectory.
 class PackagingTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -72,6 +72,7 @@ class PackagingTest : public testing::Test {
     WriteFile(work_ + "extracta_control.txt", "LAYER\r\n");
     WriteFile(work_ + "notes.TXT", "kept back");
     WriteFile(work_ + "README", "no extension");
+    WriteFile(work_ + ".txt", "all extension");
     ::mkdir((work_ + "extra").c_str(), 0777);
     WriteFile(work_ + "extra/inside.txt", "not packed");
   }
@@ -93,15 +94,15 @@ class PackagingTest : public testing::Test {
 TEST_F(PackagingTest, ZipPacksTheTopLevelFilesThatCarryTheExactExtension) {
   const std::string vlx = out_ / "design.vlx";
   ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString(".txt")));
-  EXPECT_EQ(ArchiveNames(vlx), Entries({"conn.txt", "extracta_control.txt", "layer.txt"}));
+  EXPECT_EQ(ArchiveNames(vlx), Entries({".txt", "conn.txt", "extracta_control.txt", "layer.txt"}));
   // The working directory is left as it was; its owner removes it.
-  EXPECT_EQ(ListDir(work_).size(), 6u);
+  EXPECT_EQ(ListDir(work_).size(), 7u);
 
   // Without a filter everything on the top level goes, the subdirectory as an
   // entry of its own without its contents.
   ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString()));
-  EXPECT_EQ(ArchiveNames(vlx), Entries({"README", "conn.txt", "extra/", "extracta_control.txt",
-                                        "layer.txt", "notes.TXT"}));
+  EXPECT_EQ(ArchiveNames(vlx), Entries({".txt", "README", "conn.txt", "extra/",
+                                        "extracta_control.txt", "layer.txt", "notes.TXT"}));
   EXPECT_TRUE(capture_.reports().empty());
 }
 
@@ -110,7 +111,7 @@ TEST_F(PackagingTest, MoveReplacesFilesOfTheSameNameAndLeavesFilteredOnesBehind)
   WriteFile(out_ / "other.txt", "untouched");
   ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString(".txt")));
   EXPECT_EQ(ListDir(out_.path()),
-            (Names{"conn.txt", "extracta_control.txt", "layer.txt", "other.txt"}));
+            (Names{".txt", "conn.txt", "extracta_control.txt", "layer.txt", "other.txt"}));
   EXPECT_EQ(ReadFile(out_ / "conn.txt"), "S!conn!\r\n");
   EXPECT_EQ(ReadFile(out_ / "other.txt"), "untouched");
   EXPECT_EQ(ListDir(work_), (Names{"README", "extra", "notes.TXT"}));
@@ -136,7 +137,7 @@ TEST_F(PackagingTest, AddedFilesAreCopiedInOrderAndMissingOnesSkipped) {
   EXPECT_THROW(
       executor_.addFilesToWorkingDir({AString(out_ / "first.dat"), AString(out_ / "layer.txt"),
                                       AString(out_ / "stackup.csv")}),
-      boost::filesystem::filesystem_error);
+      std::filesystem::filesystem_error);
   EXPECT_EQ(ReadFile(work_ + "layer.txt"), "S!layer!\r\n");
   EXPECT_EQ(ReadFile(work_ + "first.dat"), "copied before the clash");
   EXPECT_TRUE(capture_.reports().empty());

@@ -9,10 +9,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <string>
 #include <vector>
-
-#include <boost/filesystem.hpp>
 
 #include "tests/faults/FaultMatrix.h"
 
@@ -96,7 +95,7 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringTheMerge) {
     if (name == "conn.txt") merged = size;
     if (name.rfind("extracta_control", 0) == 0) controls = std::max(controls, size);
   }
-  boost::filesystem::remove_all(dir / kept[0]);
+  std::filesystem::remove_all(dir / kept[0]);
   ASSERT_LT(controls, merged / 2);
 
   LaunchOptions full;

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -22,7 +23,6 @@
 #include <thread>
 
 #include <gtest/gtest.h>
-#include <boost/filesystem.hpp>
 
 #include "views/ExtractaViewControl.h"
 #include "views/ExtractaViewDef.h"
@@ -31,7 +31,7 @@ extern char** environ;
 
 namespace veltest {
 
-namespace fs = boost::filesystem;
+namespace fs = std::filesystem;
 
 namespace {
 

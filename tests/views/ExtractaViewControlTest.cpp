@@ -16,7 +16,7 @@ using veltest::TempDir;
 std::string ControlFile(const TempDir& temp, const ViewSet& views,
                         const std::vector<AString>& nets) {
   const std::string path = temp / "extracta_control.txt";
-  std::ofstream out(path);
+  std::ofstream out(path, std::ios::binary);
   EXPECT_TRUE(WriteControlFile(out, views, nets));
   out.close();
   EXPECT_FALSE(out.fail());
@@ -129,10 +129,11 @@ TEST(ExtractaViewControlTest, EmptySetAndUnusableStreams) {
   bad.close();
   EXPECT_EQ(ReadFile(path), "");
 
-  // Opened for writing, truncating what was there. A block with neither
-  // filters nor fields: keyword, empty line, lone tab, END.
+  // Opened for writing in binary, as the program does, truncating what was
+  // there. A block with neither filters nor fields: keyword, empty line, lone
+  // tab, END.
   veltest::WriteFile(path, "old text that must go");
-  std::ofstream again(path);
+  std::ofstream again(path, std::ios::binary);
   EXPECT_TRUE(WriteControlFile(again, ViewSet(1u << kPadDef), {}));
   again.close();
   EXPECT_EQ(ReadFile(path), "PAD_DEF\r\n\r\n\t\r\nEND\r\n\r\n");
