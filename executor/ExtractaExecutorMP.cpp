@@ -148,7 +148,7 @@ class ConnectivityMerge {
     // describes the extraction. Only the first piece's header is kept.
     const Header header = readHeader(piece.fd);
     if (first_) {
-      writeAll(header.lines[0] + "\n" + header.lines[1] + "\n");
+      writeAll(WithLineEnd(header.lines[0]) + WithLineEnd(header.lines[1]));
       first_ = false;
     }
     if (header.readError) {
@@ -197,9 +197,16 @@ class ConnectivityMerge {
     bool readError = false;
   };
 
+  // A header line of the combined file ends in CR LF like every line of a
+  // view file, also where the piece's line was missing, cut short or ended
+  // in a bare LF; otherwise a header line would run into the first record.
+  static std::string WithLineEnd(const std::string& line) {
+    return !line.empty() && line.back() == '\r' ? line + "\n" : line + "\r\n";
+  }
+
   // Reads until two lines have ended or the piece has ended. A line is taken
-  // without its "\n" (a CR before it stays, so the header is written back as
-  // it was); a missing line reads as empty, and a short piece is no error.
+  // without its "\n" (a CR before it stays); a missing line reads as empty, and a short piece is no
+  // error.
   Header readHeader(int fd) {
     Header header;
     int line = 0;
