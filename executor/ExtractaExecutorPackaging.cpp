@@ -3,9 +3,13 @@
 // Packaging works from the directory's listing, not from the list of produced
 // views: whatever the run left there under the filter is delivered.
 
+#include <exception>
+#include <string>
+
 #include <boost/filesystem.hpp>
 
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "core/ZipArchive.h"
 #include "executor/ExtractaExecutor.h"
 
@@ -25,6 +29,18 @@ bool Exists(const fs::file_status& status) {
   return status.type() != fs::status_error && status.type() != fs::file_not_found;
 }
 
+// The reason of the exception being handled, for the trace line of a failure
+// whose own message is fixed.
+AString CurrentFailure() {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    return AString(e.what());
+  } catch (...) {
+    return AString("unknown failure");
+  }
+}
+
 }  // namespace
 
 bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
@@ -33,10 +49,19 @@ bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
   VEL_ASSERT(fs::is_directory(workingpath));
   for (const AString& file : files) {
     const fs::path source(VEL_ANSI(file));
-    if (!Exists(fs::status(source))) continue;
     // A name that is already there (a view file, say) is not overwritten: the
-    // copy throws and the run ends.
-    fs::copy_file(source, workingpath / source.filename(), fs::copy_options::none);
+    // copy fails, and so does a directory, which is not a file to copy. Either
+    // ends the run, with the file and the reason in the failure.
+    try {
+      const fs::file_status status = fs::status(source);
+      if (!Exists(status)) continue;
+      if (fs::is_directory(status))
+        throw fs::filesystem_error("", source,
+                                   make_error_code(boost::system::errc::is_a_directory));
+      fs::copy_file(source, workingpath / source.filename(), fs::copy_options::none);
+    } catch (const fs::filesystem_error& e) {
+      throw fs::filesystem_error("cannot add a file to the working directory", source, e.code());
+    }
   }
   return true;
 }
@@ -49,6 +74,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   try {
     archive.Open(outpath.string(), CZipArchive::kCreate, 0);
   } catch (...) {
+    VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
     VEL_ASSERT(!"open archive failed");
     return false;
   }
@@ -66,6 +92,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
     // disk) fails here and counts as a failure to pack.
     archive.Close(0, false);
   } catch (...) {
+    VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
     VEL_ASSERT(!"ExtractaExecutor::zipActiveViews, error with boost::filesystem");
     return false;
   }
@@ -85,9 +112,10 @@ bool ExtractaExecutor::moveActiveViews(const AString& outputPath, const AString&
       if (Exists(fs::status(target))) fs::remove(target);
       fs::rename(it->path(), target);
     }
-  } catch (const fs::filesystem_error&) {
+  } catch (const fs::filesystem_error& e) {
     // Files moved before the failure stay where they are; the output directory
     // then holds part of the views, which the failure line tells the user.
+    VelDebug(1, L"moveActiveViews: %s\n", AString(e.what()).c_str());
     VEL_ASSERT(!"ExtractaExecutor::moveActiveViews, error with boost::filesystem");
     return false;
   }
