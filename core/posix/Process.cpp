@@ -158,8 +158,9 @@ bool DefaultedInChild(int signal) {
   return false;
 }
 
-// What the child does between fork and exec, all prepared by the parent so
-// that the child only makes system calls (nothing that allocates or locks).
+// What the child does between vfork and exec, all prepared by the parent so
+// that the child only makes system calls (nothing that allocates, locks or
+// writes to memory it shares with the parent).
 struct ChildSetup {
   const char* executable;
   char* const* argv;
@@ -254,7 +255,11 @@ int StartChild(const ChildSetup& prepared, pid_t& pid) {
   ChildSetup setup = prepared;
   setup.errorReport = report[1];
 
-  pid = fork();
+  // vfork: a copy of this process's memory would cost time in proportion to
+  // its size (the connectivity survey may hold hundreds of MiB while the
+  // split runs start). The child borrows the memory until exec, changes
+  // nothing in it but its own stack, and the caller waits meanwhile.
+  pid = vfork();
   if (pid == 0) RunChild(setup);
   const int forkError = errno;
   close(report[1]);
