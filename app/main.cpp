@@ -5,19 +5,27 @@
 //
 // Standard output carries one line after packaging, standard error one line
 // per failure; the exit code is 0 when the views were created and packed, 1
-// otherwise.
+// otherwise. A failure without a line of its own (a path whose status cannot
+// be read, an added file that cannot be copied, a clock that cannot be read)
+// ends the run with one line naming the path and the cause, after the same
+// clean-up as every other failure: the children ended, the working directory
+// removed, nothing delivered.
 
 #include <clocale>
 #include <csignal>
+#include <exception>
 #include <filesystem>
 #include <iostream>
+#include <string>
 #include <vector>
 
 #include "app/CommandLine.h"
 #include "app/Progress.h"
 #include "core/AString.h"
 #include "core/Interrupt.h"
+#include "core/PathError.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "executor/ExtractaExecutor.h"
 #include "views/ViewTypes.h"
 
@@ -27,11 +35,20 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool Exists(const fs::file_status& status) { return fs::exists(status); }
-
 // An empty path stands for the current directory itself.
 fs::path Absolute(const fs::path& path) {
   return path.empty() ? fs::current_path() : fs::absolute(path);
+}
+
+// A path that is not there is an answer; one whose status cannot be read at
+// all (a loop of symbolic links, a directory that may not be searched) is a
+// failure that ends the run. `reason` receives the system's text either way.
+fs::file_status StatusOf(const fs::path& path, std::string* reason = nullptr) {
+  std::error_code error;
+  const fs::file_status status = fs::status(path, error);
+  if (reason) *reason = error ? error.message() : std::string();
+  if (!fs::status_known(status)) throw PathError("cannot read the status of a path", path, error);
+  return status;
 }
 
 // The outcome lines carry the address of a path's wide text, not the text
@@ -51,7 +68,7 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   // Inside an output directory the working directory sits on the same file
   // system as the views' destination, so moving them is a rename.
   const fs::path base =
-      fs::is_directory(fs::status(outputPath)) ? outputPath : designPath.parent_path();
+      fs::is_directory(StatusOf(outputPath)) ? outputPath : designPath.parent_path();
 
   ProgressLine progress(executor);
   std::vector<ActiveView> activeViews;
@@ -62,6 +79,7 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 
   // An interrupted run delivers nothing, whatever its children had finished.
   if (!created || InterruptRequested()) {
+    VelDebug(1, L"view creation failed: %s\n", executor.getErrorMessage().c_str());
     VEL_ASSERT(!"view creation failed");
     std::cerr << "view creation failed (1).\n";
     return 1;
@@ -95,16 +113,27 @@ int main(int argc, char** argv) {
   const CommandLine options = ScanCommandLine(argc, argv);
   if (!options.enoughArguments) return 1;
 
-  const fs::path designPath(argv[argc - 2]);
-  const fs::path outputPath(argv[argc - 1]);
-  if (!Exists(fs::status(designPath))) {
-    VEL_ASSERT(!"mcm file does not exist");
-    const AString designText(designPath.string());
-    std::cerr << "mcm file does not exist: " << PathValue(designText) << "\n";
-    return 1;
+  try {
+    const fs::path designPath(argv[argc - 2]);
+    const fs::path outputPath(argv[argc - 1]);
+    std::string reason;
+    if (StatusOf(designPath, &reason).type() == fs::file_type::not_found) {
+      VelDebug(1, L"mcm file %s: %s\n", AString(designPath.string()).c_str(),
+               AString(reason).c_str());
+      VEL_ASSERT(!"mcm file does not exist");
+      const AString designText(designPath.string());
+      std::cerr << "mcm file does not exist: " << PathValue(designText) << "\n";
+      return 1;
+    }
+    // extracta runs inside the working directory, so every path it is handed
+    // must hold from there: relative paths are resolved against this
+    // program's directory before the run begins.
+    return RunExtraction(options, Absolute(designPath), Absolute(outputPath));
+  } catch (const std::exception& e) {
+    // Unwinding has ended the children and removed the working directory.
+    std::cerr << e.what() << "\n";
+  } catch (...) {
+    std::cerr << "the run ended on an unknown failure\n";
   }
-  // extracta runs inside the working directory, so every path it is handed
-  // must hold from there: relative paths are resolved against this program's
-  // directory before the run begins.
-  return RunExtraction(options, Absolute(designPath), Absolute(outputPath));
+  return 1;
 }

@@ -68,7 +68,8 @@ uint32_t NthSetBit8(uint32_t value, uint32_t n) {
   value &= 0xff;
   const uint32_t low = CountBits4(value & 0xf);
   if (n < low) return NthSetBit4(value & 0xf, n);
-  if (n - low >= 4) return kNoBit;  // beyond any nibble: no such bit
+  // An index beyond the high nibble goes down too: the nibble helper reports
+  // it and finds no bit.
   const uint32_t r = NthSetBit4(value >> 4, n - low);
   return r == kNoBit ? kNoBit : r + 4;
 }
@@ -87,7 +88,7 @@ uint32_t NthSetBit32(uint32_t value, uint32_t n) {
   VEL_ASSERT_REPORT(VEL_ASSERT_SOURCE, 744, n < 32, "value <= 0xffffffff && n < 32");
   const uint32_t low = CountBits16(value & 0xffff);
   if (n < low) return NthSetBit16(value & 0xffff, n);
-  if (n - low >= 16) return kNoBit;
+  // As for bytes: the half-word helper reports an index beyond the high half.
   const uint32_t r = NthSetBit16(value >> 16, n - low);
   return r == kNoBit ? kNoBit : r + 16;
 }

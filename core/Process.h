@@ -19,6 +19,11 @@
 // (core/Interrupt.h). On Linux the calling process also becomes the reaper of
 // its children's orphans: ending a tree then leaves no zombie behind, whatever
 // the system's init does.
+//
+// On Linux a child is killed when the thread that created it ends, so that a
+// VelExtracta killed outright (SIGKILL, the out-of-memory killer) leaves no
+// extractor running. Children must therefore be created from a thread that
+// outlives them: VelExtracta creates every child from its main thread.
 
 #include <string>
 #include <vector>

@@ -29,6 +29,7 @@
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
 #include "core/LongFileName.h"
+#include "core/Process.h"
 #include "core/VelDebug.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
@@ -128,6 +129,7 @@ class ConnectivityMerge {
         buffer_(kHeaderChunk) {
     // A combined file that did not open is reported when the first piece is
     // added to it, as a failure to add that piece.
+    if (out_ < 0) error_ = errno;
   }
   ~ConnectivityMerge() {
     if (out_ >= 0) ::close(out_);
@@ -139,6 +141,7 @@ class ConnectivityMerge {
     const auto started = std::chrono::steady_clock::now();
     const int in = ::open(VEL_ANSI(piecePath).c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) {
+      TraceCause(piecePath, errno);
       throw ExtractaParserException(
           AString(L"createExtractaControlFileAndViewsMP failed to open file ") + piecePath);
     }
@@ -148,10 +151,11 @@ class ConnectivityMerge {
     // describes the extraction. Only the first piece's header is kept.
     const Header header = readHeader(piece.fd);
     if (first_) {
-      writeAll(header.lines[0] + "\n" + header.lines[1] + "\n");
+      writeAll(WithLineEnd(header.lines[0]) + WithLineEnd(header.lines[1]));
       first_ = false;
     }
     if (header.readError) {
+      TraceCause(piecePath, error_);
       throw ExtractaParserException(
           AString(L"createExtractaControlFileAndViewsMP missing header in file ") + piecePath);
     }
@@ -159,6 +163,7 @@ class ConnectivityMerge {
     writeAll(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
     if (!header.pieceEnded) copyRest(piece.fd);
     if (failed_) {
+      TraceCause(piecePath, error_);
       throw ExtractaParserException(AString(L"createExtractaControlFileAndViewsMP error adding ") +
                                     piecePath + L" to combined connectivity file");
     }
@@ -197,9 +202,16 @@ class ConnectivityMerge {
     bool readError = false;
   };
 
+  // A header line of the combined file ends in CR LF like every line of a
+  // view file, also where the piece's line was missing, cut short or ended
+  // in a bare LF; otherwise a header line would run into the first record.
+  static std::string WithLineEnd(const std::string& line) {
+    return !line.empty() && line.back() == '\r' ? line + "\n" : line + "\r\n";
+  }
+
   // Reads until two lines have ended or the piece has ended. A line is taken
-  // without its "\n" (a CR before it stays, so the header is written back as
-  // it was); a missing line reads as empty, and a short piece is no error.
+  // without its "\n" (a CR before it stays); a missing line reads as empty, and a short piece is no
+  // error.
   Header readHeader(int fd) {
     Header header;
     int line = 0;
@@ -207,6 +219,7 @@ class ConnectivityMerge {
       const ssize_t got = readSome(fd, buffer_.data(), kHeaderChunk);
       if (got < 0) {
         header.readError = true;
+        error_ = errno;
         return header;
       }
       if (got == 0) {
@@ -252,7 +265,7 @@ class ConnectivityMerge {
       // system without the call): copy through user space instead. The
       // position of `in` has not moved past what was written.
       if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) break;
-      failed_ = true;
+      fail();
       return;
     }
 #endif
@@ -260,7 +273,7 @@ class ConnectivityMerge {
     for (;;) {
       const ssize_t got = readSome(in, buffer_.data(), buffer_.size());
       if (got < 0) {
-        failed_ = true;
+        fail();
         return;
       }
       if (got == 0) return;
@@ -283,7 +296,7 @@ class ConnectivityMerge {
       const ssize_t written = ::write(out_, data, size);
       if (written < 0 && errno == EINTR) continue;
       if (written <= 0) {
-        failed_ = true;
+        fail();
         return;
       }
       data += written;
@@ -292,7 +305,19 @@ class ConnectivityMerge {
     }
   }
 
+  // The failure messages are fixed; the system's reason goes to the trace.
+  static void TraceCause(const AString& piecePath, int error) {
+    VelDebug(1, L"createExtractaControlFileAndViewsMP %s: %s\n", piecePath.c_str(),
+             AString(VeltFormatSystemMessage(error)).c_str());
+  }
+
+  void fail() {
+    if (error_ == 0) error_ = errno;
+    failed_ = true;
+  }
+
   int out_;
+  int error_ = 0;  // errno of the first failure
   std::vector<char> buffer_;
   bool first_ = true;
   bool failed_ = false;  // the combined file is not in a good state

@@ -3,9 +3,13 @@
 // Packaging works from the directory's listing, not from the list of produced
 // views: whatever the run left there under the filter is delivered.
 
+#include <exception>
 #include <filesystem>
+#include <string>
 
+#include "core/PathError.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "core/ZipArchive.h"
 #include "executor/ExtractaExecutor.h"
 
@@ -32,6 +36,18 @@ bool PassesFilter(const fs::path& entry, const AString& filterExtension) {
 
 bool Exists(const fs::file_status& status) { return fs::exists(status); }
 
+// The reason of the exception being handled, for the trace line of a failure
+// whose own message is fixed.
+AString CurrentFailure() {
+  try {
+    throw;
+  } catch (const std::exception& e) {
+    return AString(e.what());
+  } catch (...) {
+    return AString("unknown failure");
+  }
+}
+
 }  // namespace
 
 bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
@@ -40,10 +56,16 @@ bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
   VEL_ASSERT(fs::is_directory(workingpath));
   for (const AString& file : files) {
     const fs::path source(VEL_ANSI(file));
-    if (!Exists(fs::status(source))) continue;
     // A name that is already there (a view file, say) is not overwritten: the
-    // copy throws and the run ends.
-    fs::copy_file(source, workingpath / source.filename(), fs::copy_options::none);
+    // copy fails, and so does a directory, which is not a file to copy. Either
+    // ends the run, with the file and the reason in the failure.
+    std::error_code error;
+    const fs::file_status status = fs::status(source, error);
+    if (fs::status_known(status) && !fs::exists(status)) continue;
+    if (fs::is_directory(status)) error = std::make_error_code(std::errc::is_a_directory);
+    if (!error)
+      fs::copy_file(source, workingpath / source.filename(), fs::copy_options::none, error);
+    if (error) throw PathError("cannot add a file to the working directory", source, error);
   }
   return true;
 }
@@ -56,6 +78,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   try {
     archive.Open(outpath.string(), CZipArchive::kCreate, 0);
   } catch (...) {
+    VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
     VEL_ASSERT(!"open archive failed");
     return false;
   }
@@ -73,6 +96,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
     // disk) fails here and counts as a failure to pack.
     archive.Close(0, false);
   } catch (...) {
+    VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
     VEL_ASSERT(!"ExtractaExecutor::zipActiveViews, error with boost::filesystem");
     return false;
   }
@@ -92,9 +116,10 @@ bool ExtractaExecutor::moveActiveViews(const AString& outputPath, const AString&
       if (Exists(fs::status(target))) fs::remove(target);
       fs::rename(it->path(), target);
     }
-  } catch (const fs::filesystem_error&) {
+  } catch (const fs::filesystem_error& e) {
     // Files moved before the failure stay where they are; the output directory
     // then holds part of the views, which the failure line tells the user.
+    VelDebug(1, L"moveActiveViews: %s\n", AString(e.what()).c_str());
     VEL_ASSERT(!"ExtractaExecutor::moveActiveViews, error with boost::filesystem");
     return false;
   }

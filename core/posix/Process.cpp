@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -152,26 +151,133 @@ int FindProgram(const std::string& name, std::string& found) {
 }
 
 // Signals a caller may ignore, which a child must not inherit ignored.
-void AddDefaultedSignals(sigset_t& set) {
-  sigemptyset(&set);
-  for (int signal : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1, SIGUSR2,
-                     SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ})
-    sigaddset(&set, signal);
+bool DefaultedInChild(int signal) {
+  for (int defaulted : {SIGHUP, SIGINT, SIGQUIT, SIGPIPE, SIGTERM, SIGCHLD, SIGALRM, SIGUSR1,
+                        SIGUSR2, SIGTSTP, SIGTTIN, SIGTTOU, SIGXFSZ})
+    if (signal == defaulted) return true;
+  return false;
 }
 
-// The spawn's file actions and attributes, released in every case.
-struct SpawnSetup {
-  posix_spawn_file_actions_t actions;
-  posix_spawnattr_t attributes;
-  SpawnSetup() {
-    posix_spawn_file_actions_init(&actions);
-    posix_spawnattr_init(&attributes);
-  }
-  ~SpawnSetup() {
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
-  }
+// What the child does between vfork and exec, all prepared by the parent so
+// that the child only makes system calls (nothing that allocates, locks or
+// writes to memory it shares with the parent).
+struct ChildSetup {
+  const char* executable;
+  char* const* argv;
+  char* const* environment;
+  int directory;  // -1: stay in the caller's directory
+  const char* inputPath;
+  int outputHandle;
+  bool errorToOutput;
+  bool inheritHandles;
+  bool newProcessGroup;
+  pid_t parent;
+  int errorReport;  // write end of the close-on-exec pipe that carries a failure's errno
 };
+
+[[noreturn]] void FailInChild(int errorReport) {
+  const int error = errno;
+  ssize_t ignored = write(errorReport, &error, sizeof error);
+  (void)ignored;
+  _exit(127);
+}
+
+[[noreturn]] void RunChild(const ChildSetup& setup) {
+  // Handlers of the caller would run in the child until exec replaces them:
+  // every signal is blocked now; reset them first, unblock at exec.
+  struct sigaction action;
+  for (int signal = 1; signal < NSIG; ++signal) {
+    if (signal == SIGKILL || signal == SIGSTOP || sigaction(signal, nullptr, &action) != 0)
+      continue;
+    if (action.sa_handler == SIG_IGN && !DefaultedInChild(signal)) continue;
+    if (action.sa_handler == SIG_DFL) continue;
+    action.sa_handler = SIG_DFL;
+    action.sa_flags = 0;
+    sigaction(signal, &action, nullptr);
+  }
+#ifdef __linux__
+  // A VelExtracta that is killed outright leaves no extractor behind: the
+  // child ends with the thread that created it. If that thread is gone
+  // already, the signal was never armed, so the child ends by itself.
+  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) FailInChild(setup.errorReport);
+  if (getppid() != setup.parent) _exit(127);
+#endif
+  if (setup.newProcessGroup && setpgid(0, 0) != 0) FailInChild(setup.errorReport);
+  if (setup.directory >= 0 && fchdir(setup.directory) != 0) FailInChild(setup.errorReport);
+
+  const int input = open(setup.inputPath, O_RDONLY);
+  if (input < 0) FailInChild(setup.errorReport);
+  if (input != 0) {
+    if (dup2(input, 0) < 0) FailInChild(setup.errorReport);
+    close(input);
+  }
+  if (setup.outputHandle != kVeltNullPipeHandle) {
+    if (dup2(setup.outputHandle, 1) < 0) FailInChild(setup.errorReport);
+    if (setup.errorToOutput && dup2(setup.outputHandle, 2) < 0) FailInChild(setup.errorReport);
+  } else if (setup.errorToOutput && dup2(1, 2) < 0) {
+    FailInChild(setup.errorReport);
+  }
+  // Descriptors of other libraries may lack close-on-exec; none may reach the
+  // child, or a pipe's end would stay open in a process that never uses it.
+  // The failure report moves to 3, the one descriptor kept until exec.
+  int errorReport = setup.errorReport;
+  if (!setup.inheritHandles) {
+    if (errorReport != 3) {
+      if (dup3(errorReport, 3, O_CLOEXEC) < 0) FailInChild(errorReport);
+      errorReport = 3;
+    }
+    closefrom(4);
+  }
+
+  sigset_t noSignals;
+  sigemptyset(&noSignals);
+  sigprocmask(SIG_SETMASK, &noSignals, nullptr);
+  execve(setup.executable, setup.argv, setup.environment);
+  FailInChild(errorReport);
+}
+
+// Starts the child and waits until it has called exec; 0 and its pid, or the
+// errno of the step that failed (the failed child is reaped).
+int StartChild(const ChildSetup& prepared, pid_t& pid) {
+  int report[2];
+  if (pipe2(report, O_CLOEXEC) != 0) return errno;
+  // Kept clear of the standard descriptors the child is about to replace.
+  if (report[1] < 3) {
+    const int moved = fcntl(report[1], F_DUPFD_CLOEXEC, 3);
+    const int error = errno;
+    close(report[1]);
+    if (moved < 0) {
+      close(report[0]);
+      return error;
+    }
+    report[1] = moved;
+  }
+  ChildSetup setup = prepared;
+  setup.errorReport = report[1];
+
+  // vfork: a copy of this process's memory would cost time in proportion to
+  // its size (the connectivity survey may hold hundreds of MiB while the
+  // split runs start). The child borrows the memory until exec, changes
+  // nothing in it but its own stack, and the caller waits meanwhile.
+  pid = vfork();
+  if (pid == 0) RunChild(setup);
+  const int forkError = errno;
+  close(report[1]);
+  if (pid < 0) {
+    close(report[0]);
+    return forkError;
+  }
+  int childError = 0;
+  ssize_t got;
+  do {
+    got = read(report[0], &childError, sizeof childError);
+  } while (got < 0 && errno == EINTR);
+  close(report[0]);
+  if (got == 0) return 0;  // closed by the exec
+  while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+  }
+  return got == sizeof childError && childError != 0 ? childError : ECHILD;
+}
 
 }  // namespace
 
@@ -208,45 +314,29 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
     directory = open(VEL_ANSI(workingDirectory).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (directory < 0) return errno == ENOENT ? ENOTDIR : errno;
   }
+  if (newProcessGroup) BecomeOrphanReaper();
 
-  SpawnSetup setup;
-  if (directory >= 0) posix_spawn_file_actions_addfchdir_np(&setup.actions, directory);
-  posix_spawn_file_actions_addopen(&setup.actions, 0, inputPath ? inputPath : "/dev/null", O_RDONLY,
-                                   0);
-  if (outputHandle != kVeltNullPipeHandle) {
-    posix_spawn_file_actions_adddup2(&setup.actions, outputHandle, 1);
-    if (errorToOutput) posix_spawn_file_actions_adddup2(&setup.actions, outputHandle, 2);
-  } else if (errorToOutput) {
-    posix_spawn_file_actions_adddup2(&setup.actions, 1, 2);
-  }
-  // Descriptors of other libraries may lack close-on-exec; none may reach the
-  // child, or a pipe's end would stay open in a process that never uses it.
-  if (!inheritHandles) posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
-
-  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
-  if (newProcessGroup) {
-    flags |= POSIX_SPAWN_SETPGROUP;
-    posix_spawnattr_setpgroup(&setup.attributes, 0);
-    BecomeOrphanReaper();
-  }
-  sigset_t noSignals, defaulted;
-  sigemptyset(&noSignals);
-  AddDefaultedSignals(defaulted);
-  posix_spawnattr_setsigmask(&setup.attributes, &noSignals);
-  posix_spawnattr_setsigdefault(&setup.attributes, &defaulted);
-  posix_spawnattr_setflags(&setup.attributes, flags);
-
-  // Interrupts wait until the child's group is registered, so the handler
-  // cannot miss a child that has already started.
-  sigset_t interrupts, previous;
-  sigemptyset(&interrupts);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&interrupts, signal);
-  pthread_sigmask(SIG_BLOCK, &interrupts, &previous);
-  pid_t pid = 0;
-  char* const* childEnvironment =
+  ChildSetup setup{};
+  setup.executable = executable.c_str();
+  setup.argv = argumentPointers.data();
+  setup.environment =
       environment ? const_cast<char* const*>(environment) : static_cast<char* const*>(environ);
-  const int error = posix_spawn(&pid, executable.c_str(), &setup.actions, &setup.attributes,
-                                argumentPointers.data(), childEnvironment);
+  setup.directory = directory;
+  setup.inputPath = inputPath ? inputPath : "/dev/null";
+  setup.outputHandle = outputHandle;
+  setup.errorToOutput = errorToOutput;
+  setup.inheritHandles = inheritHandles;
+  setup.newProcessGroup = newProcessGroup;
+  setup.parent = getpid();
+
+  // Every signal waits while the child is set up (its handlers must not run
+  // in the child) and until its group is registered (an interrupt must not
+  // miss a child that has already started).
+  sigset_t everything, previous;
+  sigfillset(&everything);
+  pthread_sigmask(SIG_SETMASK, &everything, &previous);
+  pid_t pid = 0;
+  const int error = StartChild(setup, pid);
   ChildProcess* child = nullptr;
   if (error == 0) {
     child = new ChildProcess;

@@ -1,6 +1,10 @@
 #include <bitset>
+#include <functional>
+#include <map>
 #include <random>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -29,17 +33,24 @@ TEST(BitUtilitiesTest, CountsMatchThePopulationCountForEveryValue) {
   EXPECT_TRUE(capture.reports().empty());
 }
 
+// A bit that is there is found without a report; asking for one that is not
+// may be reported by a narrower helper on the way down (see below).
 TEST(BitUtilitiesTest, NthSetBitFindsEveryBitAcrossNibbleByteAndHalfWordBorders) {
   ScopedAssertCapture capture;
+  int reportedFinds = 0;
+  const auto matches = [&](uint32_t got, uint32_t v, uint32_t n) {
+    const uint32_t expected = SlowNthSetBit(v, n);
+    if (expected != kNoBit && !capture.reports().empty()) ++reportedFinds;
+    capture.Clear();
+    return got == expected;
+  };
   for (uint32_t v = 0; v <= 0xf; ++v)
-    for (uint32_t n = 0; n < 4; ++n)
-      ASSERT_EQ(NthSetBit4(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+    for (uint32_t n = 0; n < 4; ++n) ASSERT_TRUE(matches(NthSetBit4(v, n), v, n)) << v << " " << n;
   for (uint32_t v = 0; v <= 0xff; ++v)
-    for (uint32_t n = 0; n < 8; ++n)
-      ASSERT_EQ(NthSetBit8(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+    for (uint32_t n = 0; n < 8; ++n) ASSERT_TRUE(matches(NthSetBit8(v, n), v, n)) << v << " " << n;
   for (uint32_t v = 0; v <= 0xffff; ++v)
     for (uint32_t n = 0; n < 16; ++n)
-      ASSERT_EQ(NthSetBit16(v, n), SlowNthSetBit(v, n)) << v << " " << n;
+      ASSERT_TRUE(matches(NthSetBit16(v, n), v, n)) << v << " " << n;
 
   std::mt19937 random(2024);
   std::vector<uint32_t> values = {0,          1,          0xFFFFFFFF, 0x80000000, 0x00018000,
@@ -47,9 +58,9 @@ TEST(BitUtilitiesTest, NthSetBitFindsEveryBitAcrossNibbleByteAndHalfWordBorders)
   for (int i = 0; i < 2000; ++i) values.push_back(random() & random());
   for (const uint32_t v : values)
     for (uint32_t n = 0; n < 32; ++n)
-      ASSERT_EQ(NthSetBit32(v, n), SlowNthSetBit(v, n)) << std::hex << v << " " << n;
+      ASSERT_TRUE(matches(NthSetBit32(v, n), v, n)) << std::hex << v << " " << n;
 
-  EXPECT_TRUE(capture.reports().empty());
+  EXPECT_EQ(reportedFinds, 0);
 }
 
 TEST(BitUtilitiesTest, BadOperandsAreReportedAndTheMaskedValueIsUsed) {
@@ -66,10 +77,8 @@ TEST(BitUtilitiesTest, BadOperandsAreReportedAndTheMaskedValueIsUsed) {
       {NthSetBit4(0x1A, 1), 3, 617, "value <= 0xf && n < 4"},
       {NthSetBit4(0xF, 4), kNoBit, 617, "value <= 0xf && n < 4"},
       {NthSetBit8(0x130, 1), 5, 647, "value <= 0xff && n < 8"},
-      {NthSetBit8(0xFF, 8), kNoBit, 647, "value <= 0xff && n < 8"},
       {NthSetBit16(0x10300, 0), 8, 696, "value <= 0xffff && n < 16"},
       {NthSetBit16(0xFFFF, 16), kNoBit, 696, "value <= 0xffff && n < 16"},
-      {NthSetBit32(0xFFFFFFFF, 32), kNoBit, 744, "value <= 0xffffffff && n < 32"},
   };
   ASSERT_EQ(capture.reports().size(), std::size(cases));
   for (std::size_t i = 0; i < std::size(cases); ++i) {
@@ -125,29 +134,41 @@ TEST(EnumSetTest, ValuesOutsideTheSetThrowOutOfRange) {
   EXPECT_EQ(empty.GetWord(), 0u);
 }
 
-TEST(EnumSetTest, GetAtWithABadIndexReportsTwiceAndGivesMinusOne) {
-  const ColourSet set(0b00101);
-  ScopedAssertCapture capture;
-  EXPECT_EQ(static_cast<int>(set.GetAt(2)), -1);
-  ASSERT_EQ(capture.reports().size(), 2u);
-  EXPECT_EQ(capture.reports()[0].source, "tkcore/tkutils/EnumSet_T");
-  EXPECT_EQ(capture.reports()[0].line, 656);
-  EXPECT_EQ(capture.reports()[0].condition, "n >= 0 && n < GetCount()");
-  EXPECT_EQ(capture.reports()[1].source, "tkcore/tkutils/EnumSet_T");
-  EXPECT_EQ(capture.reports()[1].line, 662);
-  EXPECT_EQ(capture.reports()[1].condition, "kk != -1");
-
-  // A negative index is also out of the bit helper's range; the set's two
-  // reports still open and close the sequence.
-  capture.Clear();
-  EXPECT_EQ(static_cast<int>(set.GetAt(-1)), -1);
-  ASSERT_GE(capture.reports().size(), 2u);
-  EXPECT_EQ(capture.reports().front().line, 656);
-  EXPECT_EQ(capture.reports().back().line, 662);
-
-  capture.Clear();
-  EXPECT_EQ(set.GetAt(1), kBlue);
-  EXPECT_TRUE(capture.reports().empty());
+// A bad index is passed down as it is, so every helper on the way reports it
+// in turn before the set's closing report; the result is -1.
+TEST(EnumSetTest, BadIndexesGiveTheFullReportSequenceAndMinusOne) {
+  using Wide = EnumSet<Colour, 32>;
+  const Wide low26(0x03FFFFFF), high26(0xFFFFFFC0);
+  const struct {
+    std::function<uint32_t()> call;
+    uint32_t result;
+    std::vector<std::string> reports;
+  } cases[] = {
+      {[&] { return NthSetBit8(0xFF, 8); }, kNoBit, {"B647", "B617"}},
+      {[&] { return NthSetBit32(0xFFFFFFFF, 32); }, kNoBit, {"B744", "B696"}},
+      {[&] { return uint32_t(low26.GetAt(26)); }, kNoBit, {"E656", "E662"}},
+      {[&] { return uint32_t(high26.GetAt(26)); }, kNoBit, {"E656", "B696", "E662"}},
+      {[&] { return uint32_t(low26.GetAt(-1)); }, kNoBit, {"E656", "B744", "B696", "E662"}},
+      {[&] { return uint32_t(ColourSet(0b101).GetAt(-1)); },
+       kNoBit,
+       {"E656", "B744", "B696", "E662"}},
+      {[&] { return uint32_t(ColourSet(0b101).GetAt(2)); }, kNoBit, {"E656", "E662"}},
+      {[&] { return uint32_t(ColourSet(0b101).GetAt(1)); }, kBlue, {}},
+  };
+  const std::map<int, std::string> conditions = {
+      {656, "n >= 0 && n < GetCount()"},  {662, "kk != -1"},
+      {617, "value <= 0xf && n < 4"},     {647, "value <= 0xff && n < 8"},
+      {696, "value <= 0xffff && n < 16"}, {744, "value <= 0xffffffff && n < 32"}};
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    ScopedAssertCapture capture;
+    EXPECT_EQ(cases[i].call(), cases[i].result) << i;
+    std::vector<std::string> seen;
+    for (const AssertReport& report : capture.reports()) {
+      seen.push_back(report.source.substr(15, 1) + std::to_string(report.line));
+      EXPECT_EQ(report.condition, conditions.at(report.line));
+    }
+    EXPECT_EQ(seen, cases[i].reports) << i;
+  }
 }
 
 }  // namespace

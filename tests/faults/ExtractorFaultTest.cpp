@@ -1,6 +1,6 @@
 // The fault matrix, extractor faults: extracta missing, dying, failing (after
 // a flood of output or not), writing no view file or a damaged survey, leaving
-// a grandchild behind, hanging while the program is interrupted.
+// a grandchild behind, hanging while the program is interrupted or killed.
 
 #include <fnmatch.h>
 #include <signal.h>
@@ -11,6 +11,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <filesystem>
 
 #include "process/ExtractaViewGenerator.h"
 #include "tests/faults/FaultMatrix.h"
@@ -236,6 +238,32 @@ TEST_F(ExtractorFaults, HungChildAndAnInterrupt) {
         << "still running a second after the signal: " << ::testing::PrintToString(run.Survivors());
     ExpectCleanFailure(run, kViewCreationFailed);
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - sent).count(), 5.0);
+  }
+}
+
+// Row: the program itself killed outright (SIGKILL, the out-of-memory
+//   killer) mid-run
+// Outcome: on Linux every extracta child ends with it, all within a second,
+//   and queued ones never start; nothing is packed or moved. The working
+//   directory stays behind: nothing of a killed run is left to remove it. A
+//   grandchild that an extracta leaves running is not ended.
+TEST_F(ExtractorFaults, TheProgramKilledOutright) {
+  for (const bool cell : {false, true}) {
+    SCOPED_TRACE(cell ? "cell" : "default");
+    LaunchOptions hung;
+    hung.env = {{"EXTRACTA_SIM_SLEEP_MS", "600000"}};
+    std::vector<std::string> args = {"-z", design(), archive()};
+    if (cell) args.insert(args.begin(), "-cell");
+    ProgramRun run(args, hung);
+    ASSERT_TRUE(PollFor(60, [&] { return !run.Survivors().empty(); }));
+    ASSERT_EQ(kill(run.pid(), SIGKILL), 0);
+    EXPECT_TRUE(PollFor(1.0, [&] { return run.Survivors().empty(); }))
+        << "still running a second after the kill: " << ::testing::PrintToString(run.Survivors());
+    EXPECT_EQ(run.Wait().exitCode, 128 + SIGKILL);
+    EXPECT_EQ(Snapshot(outDir()), outBefore);
+    const std::vector<std::string> left = WorkingDirs(dir.path());
+    ASSERT_EQ(left.size(), 1u);
+    std::filesystem::remove_all(dir / left[0]);
   }
 }
 

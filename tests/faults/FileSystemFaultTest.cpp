@@ -1,12 +1,13 @@
 // The fault matrix, file system faults: directories the program may not
-// write, output paths it cannot deliver to, and a disk that fills up while
-// the program itself writes.
+// write, output paths it cannot deliver to, a disk that fills up while the
+// program itself writes, and paths it cannot add or look at.
 //
 // "Not writable" needs an unprivileged user: when the tests run as root, the
 // program runs as "nobody" for these rows (see LaunchOptions::unprivileged),
 // and the directories it must write are opened to everybody.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -120,6 +121,50 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringZipping) {
       WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
   ProgramRun run({"-z", "-cell", design(), archive()}, full);
   ExpectCleanFailure(run, kPackagingFailed, /*packagingFailed=*/true);
+}
+
+// Row: an added file whose name the working directory already holds (a view
+//   file's), an added directory, an added file that does not fit on the disk,
+//   or a design path whose status cannot be read (a loop of symbolic links)
+// Outcome: exit 1 and one line on standard error that names the path and the
+//   system's reason, nothing on standard output; the children are ended, the
+//   working directory is removed, nothing is packed or moved, and the design
+//   and the added files are left as they were.
+TEST_F(FileSystemFaults, PathsThatCannotBeAddedOrLookedAt) {
+  const std::string extra = dir / "extra", loop = dir / "loop.mcm";
+  ASSERT_EQ(mkdir(extra.c_str(), 0777), 0);
+  WriteFile(extra + "/layer.txt", "a layer view of the user's own");
+  WriteFile(extra + "/big.bin", std::string(256 << 10, 'x'));
+  ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
+  const auto extraBefore = Snapshot(extra);
+  LaunchOptions full;
+  full.fileSizeLimit = 64 << 10;
+  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
+      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
+  const std::string cannotAdd = "cannot add a file to the working directory: ";
+  const struct {
+    std::vector<std::string> args;
+    std::string line;
+    LaunchOptions options;
+  } rows[] = {
+      {{"-cell", "-z", "-add", extra + "/layer.txt", design(), archive()},
+       cannotAdd + "File exists: \"" + extra + "/layer.txt\"\n",
+       {}},
+      {{"-add", extra, design(), outDir()}, cannotAdd + "Is a directory: \"" + extra + "\"\n", {}},
+      {{"-cell", "-z", "-add", extra + "/big.bin", design(), archive()},
+       cannotAdd + "File too large: \"" + extra + "/big.bin\"\n",
+       full},
+      {{"-cell", "-z", loop, archive()},
+       "cannot read the status of a path: Too many levels of symbolic links: \"" + loop + "\"\n",
+       {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.line);
+    ProgramRun run(row.args, row.options);
+    ExpectCleanFailure(run, row.line);
+    EXPECT_EQ(ReadFile(design()), ReadFile(SampleDesign()));
+    EXPECT_EQ(Snapshot(extra), extraBefore);
+  }
 }
 
 }  // namespace

@@ -248,7 +248,7 @@ class DefaultRunExecutor : public ::testing::Test {
     EnvMap variables = {{"VELTAR_EXTRACTA_PATHOVERRIDE", BinPath("extracta-sim")},
                         {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
                         {"EXTRACTA_SIM_DATE", "Sat Nov 21 10:02:11 2026"}};
-    variables.insert(faults.begin(), faults.end());
+    for (const auto& [name, value] : faults) variables[name] = value;
     std::vector<std::unique_ptr<ScopedEnv>> env;
     for (const auto& [name, value] : variables)
       env.push_back(std::make_unique<ScopedEnv>(name, value));
@@ -337,31 +337,46 @@ TEST_F(DefaultRunExecutor, FailuresAreStoredWithThePrefix) {
   }
 }
 
-TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndToleratesAShortFirstPiece) {
-  // A's first piece is cut inside its first header line, so it holds less
-  // than the two lines of a header.
-  ExtractaViewGenerator::maxConcurrentExtractas = 7;
-  ASSERT_TRUE(Run({{"EXTRACTA_SIM_MATCH", "extracta_control_conn0_A_CONDUCTOR_ETCH.txt"},
-                   {"EXTRACTA_SIM_OUTPUT", "truncate"}}))
-      << Message();
-  EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
-            ExtractaViewGenerator::DefaultConcurrencyLimit());
+// A's first piece cut inside its first header line, after it, and inside the
+// second line: the combined file's header lines end in CR LF all the same.
+TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndEndsAShortFirstHeaderInCrLf) {
+  const auto cut = [&](const std::string& command) {
+    return EnvMap{
+        {"VELTAR_EXTRACTA_PATHOVERRIDE",
+         WrappedExtractor(dir_.path(), "cut", "",
+                          "case \"$*\" in *0_A_CONDUCTOR*) f=conn0_A_CONDUCTOR_ETCH.txt; " +
+                              command + " > cut && mv cut $f;; esac")}};
+  };
+  const std::vector<std::pair<EnvMap, std::string>> cases = {
+      {{{"EXTRACTA_SIM_MATCH", "extracta_control_conn0_A_CONDUCTOR_ETCH.txt"},
+        {"EXTRACTA_SIM_OUTPUT", "truncate"}},
+       "\r\n\r\n"},
+      {cut("head -n 1 $f"), "\r\n"},
+      {cut("head -n 2 $f | head -c -2"), "\r\n"},
+  };
+  for (const auto& [faults, lineEnds] : cases) {
+    SCOPED_TRACE(lineEnds.size());
+    ExtractaViewGenerator::maxConcurrentExtractas = 7;
+    ASSERT_TRUE(Run(faults)) << Message();
+    EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
+              ExtractaViewGenerator::DefaultConcurrencyLimit());
 
-  std::vector<std::string> paths;
-  std::vector<ViewType> types;
-  for (const ActiveView& view : views_) {
-    paths.push_back(VEL_ANSI(view.path));
-    types.push_back(view.viewType);
+    std::vector<std::string> paths;
+    std::vector<ViewType> types;
+    for (const ActiveView& view : views_) {
+      paths.push_back(VEL_ANSI(view.path));
+      types.push_back(view.viewType);
+    }
+    std::vector<std::string> expectedPaths = {workDir_ + "conn.txt"};
+    for (const char* view : kOtherViews) expectedPaths.push_back(workDir_ + view + ".txt");
+    EXPECT_EQ(paths, expectedPaths);
+    EXPECT_EQ(types, (std::vector<ViewType>{kConn, kLayer, kPadDef, kFullGeo, kDieStack, kNet,
+                                            kComponent, kOutline, kCompositePad, kLogicalPin}));
+
+    const std::string piece = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
+    EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), piece + lineEnds + BodiesAfterFirstPiece());
+    executor_.deleteWorkingDir();
   }
-  std::vector<std::string> expectedPaths = {workDir_ + "conn.txt"};
-  for (const char* view : kOtherViews) expectedPaths.push_back(workDir_ + view + ".txt");
-  EXPECT_EQ(paths, expectedPaths);
-  EXPECT_EQ(types, (std::vector<ViewType>{kConn, kLayer, kPadDef, kFullGeo, kDieStack, kNet,
-                                          kComponent, kOutline, kCompositePad, kLogicalPin}));
-
-  const std::string cut = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
-  ASSERT_EQ(cut.find('\n'), std::string::npos);
-  EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), cut + "\n\n" + BodiesAfterFirstPiece());
 }
 
 // Where the kernel cannot copy between the two files (another file system),

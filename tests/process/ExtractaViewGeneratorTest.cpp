@@ -178,6 +178,10 @@ TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
   setenv("VELTAR_EXTRACTA_PATHOVERRIDE", plainFile.c_str(), 1);
   EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
             "CreateProcess failed with error 13: Permission denied");
+  // So does one that only the started child meets, when it cannot execute.
+  ASSERT_EQ(chmod(plainFile.c_str(), 0755), 0);
+  EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
+            "CreateProcess failed with error 8: Exec format error");
 
   // A control file that cannot be written names the working directory.
   setenv("VELTAR_EXTRACTA_PATHOVERRIDE", program.c_str(), 1);
