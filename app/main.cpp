@@ -8,7 +8,6 @@
 // otherwise.
 
 #include <clocale>
-#include <csignal>
 #include <iostream>
 #include <vector>
 
@@ -16,6 +15,7 @@
 
 #include "app/CommandLine.h"
 #include "core/AString.h"
+#include "core/File.h"
 #include "core/Interrupt.h"
 #include "core/VelAssert.h"
 #include "executor/ExtractaExecutor.h"
@@ -81,9 +81,8 @@ int main(int argc, char** argv) {
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends
-  // through its failure path and removes its working directory, instead of
-  // the signal ending the program on the spot.
-  std::signal(SIGXFSZ, SIG_IGN);
+  // through its failure path and removes its working directory.
+  VeltFailWritesPastSizeLimit();
 
   const CommandLine options = ScanCommandLine(argc, argv);
   if (!options.enoughArguments) return 1;

@@ -28,7 +28,18 @@ TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
                                         {"a/", L"a/"},
                                         {"a//", L"a/"},
                                         {"/", L"/"},
-                                        {"/tmp/x y", L"/tmp/x y/"}}) {
+                                        {"/tmp/x y", L"/tmp/x y/"},
+#ifdef _WIN32
+                                        // A name written with "\\" goes on with it.
+                                        {"C:\\d\\e", L"C:\\d\\e\\"},
+                                        {"C:\\d/e\\\\", L"C:\\d/e\\"},
+                                        {"C:/d", L"C:/d/"},
+                                        {"C:\\", L"C:\\"},
+                                        {"C:", L"C:./"}}) {
+#else
+                                        // "\\" is an ordinary character here.
+                                        {"a\\b\\", L"a\\b\\/"}}) {
+#endif
     EXPECT_EQ(Dir(base).FilePath().wstr(), directory) << base;
     EXPECT_TRUE(Dir(base).IsInitialized());
   }

@@ -91,12 +91,12 @@ TEST(ChildProcess, OptionsTheGeneratorLeavesAtTheirDefaults) {
 
   // A missing working directory is not a missing program (that is 2), and
   // no creation flags exist here.
-  EXPECT_EQ(Start("", handle, pipe, temp / "missing"), ENOTDIR);
+  EXPECT_EQ(Start("", handle, pipe, temp / "missing"), kVeltErrorBadDirectory);
   EXPECT_EQ(handle, nullptr);
   const AString argv0(veltest::ChildProgram());
   EXPECT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(), nullptr, nullptr,
                               kVeltNullPipeHandle, 1, false, true, true, nullptr),
-            EINVAL);
+            kVeltErrorInvalidArgument);
 }
 
 TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
