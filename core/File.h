@@ -76,8 +76,12 @@ bool VeltPathExists(const AString& path);
 // exist, or the system refuses.
 bool VeltCreateDirectory(const AString& path);
 
-// The current directory without a trailing separator (narrow text); empty
-// when the system cannot tell.
+// Removes a file, or a directory with everything in it; links inside the
+// tree are removed, never followed. False when anything could not be removed.
+bool VeltRemoveTree(const AString& path);
+
+// The current directory without a trailing separator (except at a drive's
+// root), narrow text; empty when the system cannot tell.
 std::string VeltCurrentDirectory();
 
 // True for a character that separates path elements ("/"; on Windows "\"

@@ -1,7 +1,5 @@
 #include "core/LongFileName.h"
 
-#include <boost/filesystem.hpp>
-
 #include "core/File.h"
 
 void LongFileName::MakeItDirectory() {
@@ -36,12 +34,9 @@ bool LFN_IsExistingDirectory(const LongFileName& directory) {
 
 bool LFN_Delete(const LongFileName& path) {
   if (!path.IsInitialized() || path.FilePath().empty()) return false;
-  std::string text = VEL_ANSI(path.FilePath());
+  std::wstring text = path.FilePath().wstr();
   // "dir/" would make a link to a directory look like the directory itself;
   // the link is what is removed, never what it points to.
-  while (text.size() > 1 && VeltIsPathSeparator(static_cast<unsigned char>(text.back())))
-    text.pop_back();
-  boost::system::error_code ec;
-  boost::filesystem::remove_all(boost::filesystem::path(text), ec);
-  return !ec;
+  while (text.size() > 1 && VeltIsPathSeparator(text.back())) text.pop_back();
+  return VeltRemoveTree(AString(std::move(text)));
 }

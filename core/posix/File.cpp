@@ -10,6 +10,8 @@
 #include <cstring>
 #include <vector>
 
+#include <boost/filesystem.hpp>
+
 namespace {
 
 // Copying through this program, where the kernel cannot copy.
@@ -129,6 +131,12 @@ bool VeltPathExists(const AString& path) {
 }
 
 bool VeltCreateDirectory(const AString& path) { return mkdir(VEL_ANSI(path).c_str(), 0777) == 0; }
+
+bool VeltRemoveTree(const AString& path) {
+  boost::system::error_code ec;
+  boost::filesystem::remove_all(boost::filesystem::path(VEL_ANSI(path)), ec);
+  return !ec;
+}
 
 std::string VeltCurrentDirectory() {
   std::vector<char> buffer(4096);
