@@ -13,7 +13,8 @@
 // programs (PATH); a name with one is taken relative to the caller's current
 // directory. Where programs carry no ".exe", a name ending in ".exe" that is
 // not found is tried without it, so "extracta.exe" finds "extracta". A
-// program that is not there gives kVeltErrorNotFound.
+// program that is not there gives kVeltErrorNotFound (on Windows a path
+// through a directory that is not there gives the system's own code for it).
 //
 // Children started in a process group of their own are remembered until their
 // group is known to be gone, so that an interrupt of this program can end them
