@@ -157,12 +157,14 @@ inline bool MakeDirectory(const std::string& path) {
   return std::filesystem::create_directory(std::filesystem::u8path(path), error);
 }
 
-// Makes the program `target` startable as `name`: a link on POSIX, a copy
-// named `name` + ".exe" on Windows (which finds it under `name`).
+// Makes the program `target` (named with or without ".exe") startable as
+// `name`: a link on POSIX, a copy named `name` + ".exe" on Windows (which
+// finds it under `name`).
 inline bool InstallProgram(const std::string& target, const std::string& name) {
   std::error_code error;
 #ifdef _WIN32
-  std::filesystem::copy_file(std::filesystem::u8path(target),
+  const bool hasExe = target.size() > 4 && target.compare(target.size() - 4, 4, ".exe") == 0;
+  std::filesystem::copy_file(std::filesystem::u8path(hasExe ? target : target + ".exe"),
                              std::filesystem::u8path(name + ".exe"), error);
 #else
   std::filesystem::create_symlink(target, name, error);
