@@ -12,7 +12,6 @@
 // removed, nothing delivered.
 
 #include <clocale>
-#include <csignal>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -22,6 +21,7 @@
 #include "app/CommandLine.h"
 #include "app/Progress.h"
 #include "core/AString.h"
+#include "core/File.h"
 #include "core/Interrupt.h"
 #include "core/PathError.h"
 #include "core/VelAssert.h"
@@ -106,9 +106,8 @@ int main(int argc, char** argv) {
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends
-  // through its failure path and removes its working directory, instead of
-  // the signal ending the program on the spot.
-  std::signal(SIGXFSZ, SIG_IGN);
+  // through its failure path and removes its working directory.
+  VeltFailWritesPastSizeLimit();
 
   const CommandLine options = ScanCommandLine(argc, argv);
   if (!options.enoughArguments) return 1;

@@ -215,7 +215,14 @@ std::wstring WidenText(const char* narrow, std::size_t length) {
     }
     if (valid && (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))) valid = false;
     if (valid) {
-      out += static_cast<wchar_t>(cp);
+      // A 16-bit wchar_t (Windows) holds the code points beyond the first
+      // plane as surrogate pairs (UTF-16).
+      if (sizeof(wchar_t) == 2 && cp > 0xFFFF) {
+        out += static_cast<wchar_t>(0xD800 + ((cp - 0x10000) >> 10));
+        out += static_cast<wchar_t>(0xDC00 + ((cp - 0x10000) & 0x3FF));
+      } else {
+        out += static_cast<wchar_t>(cp);
+      }
       i += extra + 1;
     } else {
       out += static_cast<wchar_t>(kEscapeBase + c);
@@ -228,8 +235,16 @@ std::wstring WidenText(const char* narrow, std::size_t length) {
 std::string NarrowText(const std::wstring& wide) {
   std::string out;
   out.reserve(wide.size());
-  for (const wchar_t wc : wide) {
-    const auto cp = static_cast<uint32_t>(wc);
+  for (std::size_t i = 0; i < wide.size(); ++i) {
+    const auto cp = static_cast<uint32_t>(wide[i]);
+    if (sizeof(wchar_t) == 2 && cp >= 0xD800 && cp <= 0xDBFF && i + 1 < wide.size()) {
+      const auto low = static_cast<uint32_t>(wide[i + 1]);
+      if (low >= 0xDC00 && low <= 0xDFFF) {
+        AppendUtf8(out, 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00));
+        ++i;
+        continue;
+      }
+    }
     if (cp >= 0xDC80 && cp <= 0xDCFF)
       out += static_cast<char>(cp - kEscapeBase);
     else if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF)

@@ -1,11 +1,14 @@
 #pragma once
-// Interrupts: SIGINT, SIGTERM and SIGHUP end every child tree this program
-// started and leave a request that the program's waits turn into a failure.
+// Interrupts: a request from the user or the system to stop (SIGINT, SIGTERM
+// and SIGHUP; on Windows Ctrl-C, Ctrl-Break and the console closing) ends
+// every child tree this program started and leaves a request that the
+// program's waits turn into a failure.
 //
 // Children run in process groups of their own, so a Ctrl-C at the terminal
 // reaches only this program; without these handlers the children would run on
-// after it. The handler ends every registered child group at once (with
-// SIGKILL) and records the signal. Every polling wait on children checks the
+// after it. The handler ends every registered child tree at once and records
+// the interrupt as a signal number (Ctrl-C: SIGINT, Ctrl-Break: SIGBREAK, the
+// console closing: SIGTERM). Every polling wait on children checks the
 // request and throws ExtractaParserException("interrupted by signal N"), so
 // the caller's normal failure path drops its generators and working directory.
 // A second interrupt while the first is still pending ends the program at
@@ -19,7 +22,7 @@
 
 #include <string>
 
-// Installs the handlers for SIGINT, SIGTERM and SIGHUP. Safe to call twice.
+// Installs the handlers. Safe to call twice.
 void InstallInterruptHandlers();
 
 // True once an interrupt arrived (until ClearInterruptRequest).

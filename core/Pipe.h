@@ -2,16 +2,20 @@
 // Anonymous pipes through which a child's printed output reaches its parent,
 // and the reader that collects it from a polling loop without ever blocking.
 
+#include <cstdint>
+
 #include "core/AString.h"
 
-// One end of a pipe: a file descriptor here. kVeltNullPipeHandle marks none.
-using VeltPipeHandle = int;
+// One end of a pipe: the system's descriptor or handle, carried as an integer
+// wide enough for either. kVeltNullPipeHandle marks none.
+using VeltPipeHandle = std::intptr_t;
 constexpr VeltPipeHandle kVeltNullPipeHandle = -1;
 
 // An anonymous pipe: the first handle is the read end, the second the write
-// end. Both ends are close-on-exec, so no child inherits them by accident: a
-// child holds the write end only where its creator puts it on its standard
-// streams. The read end does not block. Both ends close with the object.
+// end. Neither end is inherited by a child by accident: a child holds the
+// write end only where its creator puts it on its standard streams. Reads
+// from the read end never wait unless asked to. Both ends close with the
+// object.
 class CPipe {
  public:
   CPipe() = default;

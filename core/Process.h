@@ -9,16 +9,18 @@
 // them (a b/c.mcm), and arguments are never escaped on the way. The program
 // name itself is taken as given, blanks included.
 //
-// A name without a "/" is looked up on PATH; a name with one is taken relative
-// to the caller's current directory. When the name is not found and ends in
-// ".exe", the name without ".exe" is tried the same way, so "extracta.exe"
-// finds "extracta". A program that is not there gives error 2.
+// A name without a directory part is looked up as the system looks up
+// programs (PATH); a name with one is taken relative to the caller's current
+// directory. Where programs carry no ".exe", a name ending in ".exe" that is
+// not found is tried without it, so "extracta.exe" finds "extracta". A
+// program that is not there gives kVeltErrorNotFound (on Windows a path
+// through a directory that is not there gives the system's own code for it).
 //
 // Children started in a process group of their own are remembered until their
 // group is known to be gone, so that an interrupt of this program can end them
-// (core/Interrupt.h). On Linux the calling process also becomes the reaper of
-// its children's orphans: ending a tree then leaves no zombie behind, whatever
-// the system's init does.
+// (core/Interrupt.h), and ending a tree leaves nothing of it behind, not even
+// a finished process waiting to be reaped. Where the system allows, a child
+// tree also ends when this program itself is killed.
 //
 // On Linux a child is killed when the thread that created it ends, so that a
 // VelExtracta killed outright (SIGKILL, the out-of-memory killer) leaves no
@@ -37,22 +39,28 @@ using VeltProcessHandle = void*;
 // The exit code reported while a child still runs.
 constexpr int kVeltStillActive = 259;
 
-// Starts a child and returns 0, or the system's error code (2: the program was
-// not found; 20: the working directory is not a directory).
+// System error codes VeltCreateProcess returns for its own checks (the
+// values are the system's own, so they are not the same on every system).
+extern const int kVeltErrorNotFound;         // no such program (2 everywhere)
+extern const int kVeltErrorBadDirectory;     // the working directory is no directory
+extern const int kVeltErrorInvalidArgument;  // an argument outside the contract
+
+// Starts a child and returns 0, or the system's error code.
 //   applicationName  program to run; empty: argv[0] names it
 //   argv, argc       argv[0] the program name as the child sees it, then the
 //                    arguments (see above)
 //   processHandle    receives the child's handle (null on failure)
 //   workingDirectory the child's current directory; empty: the caller's
 //   environment      "NAME=value" entries ending in null; null: the caller's
-//   inputPath        file on the child's standard input; null: /dev/null
+//   inputPath        file on the child's standard input; null: the null
+//                    device
 //   outputHandle     where standard output goes; kVeltNullPipeHandle: the
 //                    caller's standard output
-//   creationFlags    reserved for platform flags; none exist here, so it must
-//                    be 0 (anything else gives EINVAL)
+//   creationFlags    reserved; must be 0 (anything else gives
+//                    kVeltErrorInvalidArgument)
 //   inheritHandles   false: the child gets its three standard streams and no
-//                    other descriptor of the caller; true: descriptors without
-//                    close-on-exec stay open in the child
+//                    other handle of the caller; true: the caller's handles
+//                    marked inheritable reach the child too
 //   errorToOutput    true: standard error goes where standard output goes;
 //                    false: it stays the caller's
 //   newProcessGroup  true: the child leads a process group of its own, which
@@ -66,14 +74,14 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
 
 // Never blocks. Returns zero on failure (a null handle, or a child that was
 // reaped behind the handle's back); otherwise sets exitCode to
-// kVeltStillActive while the child runs, else to its exit status (128 + the
-// signal number for a child ended by a signal). An ended child is reaped on
-// the first query that sees it ended and its code is kept for later queries.
+// kVeltStillActive while the child runs, else to its exit status (for a child
+// ended by a signal, 128 + the signal number). The code of an ended child is
+// kept for later queries.
 int VeltGetProcessExitCode(VeltProcessHandle handle, int& exitCode);
 
-// Ends the child and every process of its group (grandchildren included) at
-// once, and waits until they are reaped. On a child that ended by itself it
-// still ends whatever it left running in its group. Zero for a null handle.
+// Ends the child and every process it started (grandchildren included) at
+// once, and waits until they are gone. On a child that ended by itself it
+// still ends whatever it left running. Zero for a null handle.
 int VeltTerminateProcessTree(VeltProcessHandle handle);
 
 // Releases the handle of a child that has ended (its exit code was read, or

@@ -1,44 +1,45 @@
 #include "core/ZipArchive.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 #include <zip.h>
 
-#include <cerrno>
-#include <cstring>
 #include <vector>
+
+#include "core/File.h"
 
 namespace {
 
 // deflate's default compression level (the one zlib and Info-ZIP use).
 constexpr zip_uint32_t kDeflateDefaultLevel = 6;
 
-std::string SystemError(const std::string& what, const std::string& path) {
-  return what + " " + path + ": " + std::strerror(errno);
-}
+bool IsSeparator(char c) { return VeltIsPathSeparator(static_cast<unsigned char>(c)); }
 
-std::string CurrentDirectory() {
-  std::vector<char> buffer(4096);
-  while (!getcwd(buffer.data(), buffer.size())) {
-    if (errno != ERANGE) throw CZipException(SystemError("cannot read the current directory", ""));
-    buffer.resize(buffer.size() * 2);
+// The length of the root at the start of an absolute path: "/", a drive
+// ("C:" with or without a separator after it), or a network share
+// ("\\server\share"); 0 for a relative path. A drive or share is a root only
+// where separators other than "/" are known, i.e. where the system has them.
+std::size_t RootLength(const std::string& path) {
+  const bool driveLetters = VeltIsPathSeparator(L'\\');
+  if (driveLetters && path.size() >= 2 && path[1] == ':' &&
+      ((path[0] >= 'A' && path[0] <= 'Z') || (path[0] >= 'a' && path[0] <= 'z')))
+    return path.size() > 2 && IsSeparator(path[2]) ? 3 : 2;
+  if (driveLetters && path.size() > 2 && IsSeparator(path[0]) && IsSeparator(path[1])) {
+    std::size_t end = 2;
+    for (int part = 0; part < 2 && end < path.size(); ++part) {
+      while (end < path.size() && !IsSeparator(path[end])) ++end;
+      if (part == 0 && end < path.size()) ++end;
+    }
+    return end;
   }
-  return buffer.data();
+  return !path.empty() && IsSeparator(path[0]) ? 1 : 0;
 }
 
 std::string ParentDirectory(const std::string& path) {
-  const auto slash = path.find_last_of('/');
-  if (slash == std::string::npos) return ".";
-  if (slash == 0) return "/";
-  return path.substr(0, slash);
-}
-
-// The mode a newly created file gets from the user's umask.
-mode_t NewFileMode() {
-  const mode_t mask = umask(0);
-  umask(mask);
-  return 0666 & ~mask;
+  std::size_t slash = path.size();
+  while (slash > 0 && !IsSeparator(path[slash - 1])) --slash;
+  if (slash == 0) return ".";
+  const std::size_t root = RootLength(path);
+  if (slash <= root) return path.substr(0, root);
+  return path.substr(0, slash - 1);
 }
 
 // The end-of-central-directory record of an archive without entries. libzip
@@ -49,13 +50,19 @@ constexpr unsigned char kEmptyArchive[22] = {'P', 'K', 5, 6};
 }  // namespace
 
 std::string ZipEntryName(const std::string& path) {
-  const std::string absolute =
-      !path.empty() && path[0] == '/' ? path : CurrentDirectory() + "/" + path;
+  std::string absolute = path;
+  std::size_t root = RootLength(path);
+  if (root == 0) {
+    const std::string current = VeltCurrentDirectory();
+    if (current.empty()) throw CZipException("cannot read the current directory");
+    absolute = current + "/" + path;
+    root = RootLength(absolute);
+  }
   std::vector<std::string> parts;
-  std::size_t start = 0;
+  std::size_t start = root;
   while (start <= absolute.size()) {
-    std::size_t end = absolute.find('/', start);
-    if (end == std::string::npos) end = absolute.size();
+    std::size_t end = start;
+    while (end < absolute.size() && !IsSeparator(absolute[end])) ++end;
     const std::string part = absolute.substr(start, end - start);
     if (part == "..") {
       if (!parts.empty()) parts.pop_back();  // ".." at the root stays at the root
@@ -78,11 +85,9 @@ void CZipArchive::Open(const std::string& path, int mode, long long volumeSize) 
 
   // libzip defers these failures to the close; the caller needs them now,
   // before any work is spent on the entries.
-  struct stat st;
-  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+  if (VeltIsDirectory(AString(path)))
     throw CZipException("the archive path is a directory: " + path);
-  const std::string parent = ParentDirectory(path);
-  if (stat(parent.c_str(), &st) != 0 || !S_ISDIR(st.st_mode))
+  if (!VeltIsDirectory(AString(ParentDirectory(path))))
     throw CZipException("no directory to write the archive into: " + path);
 
   int error = 0;
@@ -105,13 +110,13 @@ void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, 
   if (!archive_) throw CZipException("no archive is open");
   if (level < -1 || level > 9) throw CZipException("compression level out of range");
 
-  struct stat st;
-  if (stat(path.c_str(), &st) != 0) throw CZipException(SystemError("cannot add", path));
+  const AString wide(path);
+  if (!VeltPathExists(wide)) throw CZipException("cannot add " + path + ": no such file");
   std::string name = ZipEntryName(path);
   if (!fullPath) name = name.substr(name.find_last_of('/') + 1);
   if (name.empty()) throw CZipException("no entry name for " + path);
 
-  if (S_ISDIR(st.st_mode)) {
+  if (VeltIsDirectory(wide)) {
     if (zip_dir_add(archive_, name.c_str(), ZIP_FL_ENC_GUESS) < 0)
       throw CZipException("cannot add directory " + path + ": " + zip_strerror(archive_));
     ++entries_;
@@ -163,20 +168,7 @@ void CZipArchive::Discard() {
 }
 
 void CZipArchive::WriteEmptyArchive() {
-  std::string temporary = path_ + ".XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) throw CZipException(SystemError("cannot create a temporary file for", path_));
-  std::string failure;
-  if (fchmod(fd, NewFileMode()) != 0 ||
-      write(fd, kEmptyArchive, sizeof kEmptyArchive) !=
-          static_cast<ssize_t>(sizeof kEmptyArchive) ||
-      fsync(fd) != 0)
-    failure = SystemError("cannot write archive", path_);
-  if (close(fd) != 0 && failure.empty()) failure = SystemError("cannot write archive", path_);
-  if (failure.empty() && rename(temporary.c_str(), path_.c_str()) != 0)
-    failure = SystemError("cannot replace", path_);
-  if (!failure.empty()) {
-    unlink(temporary.c_str());
-    throw CZipException(failure);
-  }
+  std::string error;
+  if (!VeltWriteFileInPlace(path_, kEmptyArchive, sizeof kEmptyArchive, error))
+    throw CZipException(error);
 }

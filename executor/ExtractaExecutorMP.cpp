@@ -8,14 +8,8 @@
 // generator pool, so a child failing anywhere ends the operation during
 // whichever wait is in progress.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <cstdint>
-#include <cstring>
 #include <exception>
 #include <map>
 #include <string>
@@ -29,8 +23,8 @@
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
 #include "core/LongFileName.h"
-#include "core/Process.h"
 #include "core/VelDebug.h"
+#include "executor/ConnectivityMerge.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
 #include "reader/ExtractaViewData.h"
@@ -116,215 +110,6 @@ AString SplitRunName(std::size_t index, const AString& net, const std::vector<AS
   for (const AString& className : classes) name += L"_" + className;
   return name;
 }
-
-// Concatenates the connectivity pieces into one view file: the first piece's
-// two header lines, then everything after the header of every piece, byte for
-// byte. Nothing is parsed; the bulk of each piece is copied by the kernel where
-// it can, so the merge runs at the speed of a plain file copy.
-class ConnectivityMerge {
- public:
-  explicit ConnectivityMerge(const AString& combinedPath)
-      : out_(
-            ::open(VEL_ANSI(combinedPath).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666)),
-        buffer_(kHeaderChunk) {
-    // A combined file that did not open is reported when the first piece is
-    // added to it, as a failure to add that piece.
-    if (out_ < 0) error_ = errno;
-  }
-  ~ConnectivityMerge() {
-    if (out_ >= 0) ::close(out_);
-  }
-  ConnectivityMerge(const ConnectivityMerge&) = delete;
-  ConnectivityMerge& operator=(const ConnectivityMerge&) = delete;
-
-  void add(const AString& piecePath) {
-    const auto started = std::chrono::steady_clock::now();
-    const int in = ::open(VEL_ANSI(piecePath).c_str(), O_RDONLY | O_CLOEXEC);
-    if (in < 0) {
-      TraceCause(piecePath, errno);
-      throw ExtractaParserException(
-          AString(L"createExtractaControlFileAndViewsMP failed to open file ") + piecePath);
-    }
-    Piece piece(in);
-
-    // The first two lines are the header: "A!" names the fields, "J!"
-    // describes the extraction. Only the first piece's header is kept.
-    const Header header = readHeader(piece.fd);
-    if (first_) {
-      writeAll(WithLineEnd(header.lines[0]) + WithLineEnd(header.lines[1]));
-      first_ = false;
-    }
-    if (header.readError) {
-      TraceCause(piecePath, error_);
-      throw ExtractaParserException(
-          AString(L"createExtractaControlFileAndViewsMP missing header in file ") + piecePath);
-    }
-
-    writeAll(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
-    if (!header.pieceEnded) copyRest(piece.fd);
-    if (failed_) {
-      TraceCause(piecePath, error_);
-      throw ExtractaParserException(AString(L"createExtractaControlFileAndViewsMP error adding ") +
-                                    piecePath + L" to combined connectivity file");
-    }
-    ++files_;
-    elapsed_ += std::chrono::steady_clock::now() - started;
-  }
-
-  uint64_t bytesWritten() const { return bytes_; }
-  int filesAdded() const { return files_; }
-  int64_t microseconds() const {
-    return std::chrono::duration_cast<std::chrono::microseconds>(elapsed_).count();
-  }
-
- private:
-  // The header is read through a small buffer: whatever is read past it has
-  // to be written from user space, while the rest goes through the kernel.
-  static constexpr std::size_t kHeaderChunk = 16 << 10;
-  // Copying through user space, where the kernel cannot copy.
-  static constexpr std::size_t kCopyBuffer = 1 << 20;
-  // Large enough that one call copies a whole piece; the kernel splits it.
-  static constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
-
-  struct Piece {
-    explicit Piece(int descriptor) : fd(descriptor) {}
-    ~Piece() { ::close(fd); }
-    Piece(const Piece&) = delete;
-    Piece& operator=(const Piece&) = delete;
-    int fd;
-  };
-
-  struct Header {
-    std::string lines[2];
-    std::size_t restBegin = 0;  // [restBegin, restEnd) of the buffer was read past the header
-    std::size_t restEnd = 0;
-    bool pieceEnded = false;  // the piece ended within its header
-    bool readError = false;
-  };
-
-  // A header line of the combined file ends in CR LF like every line of a
-  // view file, also where the piece's line was missing, cut short or ended
-  // in a bare LF; otherwise a header line would run into the first record.
-  static std::string WithLineEnd(const std::string& line) {
-    return !line.empty() && line.back() == '\r' ? line + "\n" : line + "\r\n";
-  }
-
-  // Reads until two lines have ended or the piece has ended. A line is taken
-  // without its "\n" (a CR before it stays); a missing line reads as empty, and a short piece is no
-  // error.
-  Header readHeader(int fd) {
-    Header header;
-    int line = 0;
-    for (;;) {
-      const ssize_t got = readSome(fd, buffer_.data(), kHeaderChunk);
-      if (got < 0) {
-        header.readError = true;
-        error_ = errno;
-        return header;
-      }
-      if (got == 0) {
-        header.pieceEnded = true;
-        return header;
-      }
-      const char* data = buffer_.data();
-      std::size_t pos = 0;
-      while (line < 2) {
-        const void* lineEnd = std::memchr(data + pos, '\n', got - pos);
-        if (lineEnd == nullptr) {
-          header.lines[line].append(data + pos, got - pos);
-          break;
-        }
-        const std::size_t end = static_cast<const char*>(lineEnd) - data;
-        header.lines[line].append(data + pos, end - pos);
-        pos = end + 1;
-        ++line;
-      }
-      if (line == 2) {
-        header.restBegin = pos;
-        header.restEnd = static_cast<std::size_t>(got);
-        return header;
-      }
-    }
-  }
-
-  // Copies the piece from its current position to its end onto the combined
-  // file: in the kernel where the file systems allow it, through the buffer
-  // otherwise. Any failure marks the combined file failed.
-  void copyRest(int in) {
-    if (failed_) return;
-#ifdef __linux__
-    for (;;) {
-      const ssize_t copied = ::copy_file_range(in, nullptr, out_, nullptr, kCopyChunk, 0);
-      if (copied > 0) {
-        bytes_ += copied;
-        continue;
-      }
-      if (copied == 0) return;
-      if (errno == EINTR) continue;
-      // Not supported between these two files (another file system, a file
-      // system without the call): copy through user space instead. The
-      // position of `in` has not moved past what was written.
-      if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) break;
-      fail();
-      return;
-    }
-#endif
-    if (buffer_.size() < kCopyBuffer) buffer_.resize(kCopyBuffer);
-    for (;;) {
-      const ssize_t got = readSome(in, buffer_.data(), buffer_.size());
-      if (got < 0) {
-        fail();
-        return;
-      }
-      if (got == 0) return;
-      writeAll(buffer_.data(), static_cast<std::size_t>(got));
-      if (failed_) return;
-    }
-  }
-
-  static ssize_t readSome(int fd, char* data, std::size_t size) {
-    for (;;) {
-      const ssize_t got = ::read(fd, data, size);
-      if (got >= 0 || errno != EINTR) return got;
-    }
-  }
-
-  void writeAll(const std::string& text) { writeAll(text.data(), text.size()); }
-
-  void writeAll(const char* data, std::size_t size) {
-    while (size > 0 && !failed_) {
-      const ssize_t written = ::write(out_, data, size);
-      if (written < 0 && errno == EINTR) continue;
-      if (written <= 0) {
-        fail();
-        return;
-      }
-      data += written;
-      size -= static_cast<std::size_t>(written);
-      bytes_ += static_cast<uint64_t>(written);
-    }
-  }
-
-  // The failure messages are fixed; the system's reason goes to the trace.
-  static void TraceCause(const AString& piecePath, int error) {
-    VelDebug(1, L"createExtractaControlFileAndViewsMP %s: %s\n", piecePath.c_str(),
-             AString(VeltFormatSystemMessage(error)).c_str());
-  }
-
-  void fail() {
-    if (error_ == 0) error_ = errno;
-    failed_ = true;
-  }
-
-  int out_;
-  int error_ = 0;  // errno of the first failure
-  std::vector<char> buffer_;
-  bool first_ = true;
-  bool failed_ = false;  // the combined file is not in a good state
-  uint64_t bytes_ = 0;
-  int files_ = 0;
-  std::chrono::steady_clock::duration elapsed_{};
-};
 
 }  // namespace
 

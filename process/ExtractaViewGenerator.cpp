@@ -181,7 +181,7 @@ VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& execut
   if (result == 0) return handle;
 
   VelDebug(1, L"*StartChildProcess: VelCreateProcess result = %d \n", result);
-  if (result == 2)
+  if (result == kVeltErrorNotFound)
     throw ExtractaParserException(
         AString("CreateProcess failed with error 2: Could not find application ") + executable);
   const AString systemText(VeltFormatSystemMessage(result));

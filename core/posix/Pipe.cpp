@@ -8,13 +8,11 @@
 #include <cerrno>
 #include <chrono>
 
-#include "core/VelAssert.h"
-
 CPipe::~CPipe() { Close(); }
 
 void CPipe::Close() {
   for (VeltPipeHandle& handle : handles_) {
-    if (handle != kVeltNullPipeHandle) close(handle);
+    if (handle != kVeltNullPipeHandle) close(static_cast<int>(handle));
     handle = kVeltNullPipeHandle;
   }
 }
@@ -54,9 +52,10 @@ int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, in
                             bool acceptPartial) {
   count = 0;
   if (handle_ == kVeltNullPipeHandle) return EBADF;
+  const int fd = static_cast<int>(handle_);
   if (!consume) {
     int waiting = 0;
-    if (ioctl(handle_, FIONREAD, &waiting) != 0) return errno;
+    if (ioctl(fd, FIONREAD, &waiting) != 0) return errno;
     count = waiting;
     return 0;
   }
@@ -65,7 +64,7 @@ int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, in
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(waitMilliseconds);
   while (count < size) {
-    const ssize_t got = read(handle_, buffer + count, static_cast<size_t>(size - count));
+    const ssize_t got = read(fd, buffer + count, static_cast<size_t>(size - count));
     if (got > 0) {
       count += static_cast<int>(got);
       if (acceptPartial) return 0;
@@ -83,24 +82,7 @@ int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, in
       left = static_cast<int>(remaining);
     }
     int error = 0;
-    if (!WaitReadable(handle_, left, error)) return error;
-  }
-  return 0;
-}
-
-int drainPipe(VeltPipeHandle readEnd, AString& output) {
-  CPipeCommunicator communicator(readEnd);
-  char smallBuffer[1];
-  char buffer[14096];
-  int count = 0;
-  if (communicator.Read(smallBuffer, 1, count, false, 0, false) != 0) return 1;
-  while (count != 0) {
-    int receivedSize = 0;
-    if (communicator.Read(buffer, sizeof buffer, receivedSize, true, 0, true) != 0) return 2;
-    VEL_ASSERT_REPORT("Norvik/PipeUtil", 51, receivedSize > 0, "receivedSize > 0");
-    if (receivedSize > 0) output += AString(buffer, static_cast<std::size_t>(receivedSize));
-    count = 0;
-    if (communicator.Read(smallBuffer, 1, count, false, 0, false) != 0) return 1;
+    if (!WaitReadable(fd, left, error)) return error;
   }
   return 0;
 }

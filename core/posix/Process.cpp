@@ -16,9 +16,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/File.h"
 #include "core/posix/ChildGroups.h"
 
 extern char** environ;
+
+const int kVeltErrorNotFound = ENOENT;
+const int kVeltErrorBadDirectory = ENOTDIR;
+const int kVeltErrorInvalidArgument = EINVAL;
 
 namespace {
 
@@ -108,13 +113,8 @@ bool IsProgram(const std::string& path, bool& unusable) {
 
 std::string Absolute(const std::string& path) {
   if (!path.empty() && path[0] == '/') return path;
-  std::string directory(256, '\0');
-  while (!getcwd(&directory[0], directory.size())) {
-    if (errno != ERANGE) return path;
-    directory.resize(directory.size() * 2);
-  }
-  directory.resize(std::strlen(directory.c_str()));
-  return directory + "/" + path;
+  const std::string directory = VeltCurrentDirectory();
+  return directory.empty() ? path : directory + "/" + path;
 }
 
 // Finds the program to execute; 0 and its absolute path, or an error code.
@@ -323,7 +323,7 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
       environment ? const_cast<char* const*>(environment) : static_cast<char* const*>(environ);
   setup.directory = directory;
   setup.inputPath = inputPath ? inputPath : "/dev/null";
-  setup.outputHandle = outputHandle;
+  setup.outputHandle = static_cast<int>(outputHandle);
   setup.errorToOutput = errorToOutput;
   setup.inheritHandles = inheritHandles;
   setup.newProcessGroup = newProcessGroup;
@@ -437,7 +437,7 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
       watched.push_back({child->endWatch, POLLIN, 0});
   }
   for (VeltPipeHandle pipe : pipes)
-    if (pipe != kVeltNullPipeHandle) watched.push_back({pipe, POLLIN, 0});
+    if (pipe != kVeltNullPipeHandle) watched.push_back({static_cast<int>(pipe), POLLIN, 0});
   const int interrupt = velt_posix::InterruptWakeHandle();
   if (interrupt >= 0) watched.push_back({interrupt, POLLIN, 0});
   // A signal ends the wait early (EINTR) as well; the caller looks again.
@@ -451,55 +451,4 @@ std::string VeltFormatSystemMessage(int errorCode) {
   if (message.size() > sizeof buffer - 1) message.resize(sizeof buffer - 1);
   while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
   return message;
-}
-
-std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine) {
-  std::vector<std::string> arguments;
-  std::string current;
-  bool inArgument = false;
-  bool quoted = false;
-  const std::size_t length = commandLine.size();
-  std::size_t i = 0;
-  while (i < length) {
-    const char c = commandLine[i];
-    if (!quoted && (c == ' ' || c == '\t')) {
-      if (inArgument) arguments.push_back(std::move(current));
-      current.clear();
-      inArgument = false;
-      ++i;
-      continue;
-    }
-    inArgument = true;
-    if (c == '\\') {
-      std::size_t backslashes = 0;
-      while (i < length && commandLine[i] == '\\') {
-        ++backslashes;
-        ++i;
-      }
-      if (i < length && commandLine[i] == '"') {
-        current.append(backslashes / 2, '\\');
-        if (backslashes % 2 == 1) {
-          current += '"';
-          ++i;
-        }
-      } else {
-        current.append(backslashes, '\\');
-      }
-      continue;
-    }
-    if (c == '"') {
-      if (quoted && i + 1 < length && commandLine[i + 1] == '"') {
-        current += '"';
-        i += 2;
-      } else {
-        quoted = !quoted;
-        ++i;
-      }
-      continue;
-    }
-    current += c;
-    ++i;
-  }
-  if (inArgument) arguments.push_back(std::move(current));
-  return arguments;
 }

@@ -1,14 +1,22 @@
 #pragma once
 // What the process tests need to watch real children: the records that
-// vel-test-child writes, the processes of a process group as /proc shows
-// them, and an interrupt sent in the middle of a wait.
+// vel-test-child writes, the processes of a child's tree, and (on POSIX) an
+// interrupt sent in the middle of a wait.
 
+#ifdef _WIN32
+#include <windows.h>
+// After windows.h, which it needs.
+#include <tlhelp32.h>
+#else
 #include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <future>
@@ -17,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/Pipe.h"
 #include "tests/support/TestSupport.h"
 
 namespace veltest {
@@ -52,6 +61,51 @@ inline std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
   return records;
 }
 
+#ifdef _WIN32
+// The processes of the tree that `group` started: it and its descendants
+// (a process keeps its parent's id after the parent ended). Ended processes
+// are gone on Windows, so `liveOnly` changes nothing.
+inline std::vector<int> ProcessesInGroup(int group, bool = false) {
+  std::vector<std::pair<int, int>> parents;  // (pid, parent pid)
+  const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32W entry = {};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry))
+    parents.emplace_back(static_cast<int>(entry.th32ProcessID),
+                         static_cast<int>(entry.th32ParentProcessID));
+  CloseHandle(snapshot);
+  std::vector<int> members;
+  for (const auto& [pid, parent] : parents)
+    if (pid == group) members.push_back(pid);
+  for (std::size_t i = 0; i < members.size(); ++i)
+    for (const auto& [pid, parent] : parents)
+      if (parent == members[i] && pid != members[i]) members.push_back(pid);
+  return members;
+}
+
+// Whether the process still exists.
+inline bool ProcessExists(int pid) {
+  const HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
+  if (!process) return false;
+  const bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+  CloseHandle(process);
+  return running;
+}
+
+// Ends the process as a crash by SIGKILL reads on POSIX: exit code 137.
+inline void KillProcess(int pid) {
+  const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
+  if (process) TerminateProcess(process, 128 + 9);
+  if (process) CloseHandle(process);
+}
+
+inline bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
+  DWORD written = 0;
+  return ::WriteFile(reinterpret_cast<HANDLE>(pipe), bytes.data(), static_cast<DWORD>(bytes.size()),
+                     &written, nullptr) &&
+         written == bytes.size();
+}
+#else
 // The processes whose process group is `group`; zombies too unless liveOnly.
 inline std::vector<int> ProcessesInGroup(int group, bool liveOnly = false) {
   std::vector<int> members;
@@ -71,6 +125,53 @@ inline std::vector<int> ProcessesInGroup(int group, bool liveOnly = false) {
   return members;
 }
 
+// Whether the process still exists (a zombie, not yet reaped, does).
+inline bool ProcessExists(int pid) { return kill(pid, 0) == 0; }
+
+inline void KillProcess(int pid) { kill(pid, SIGKILL); }
+
+inline bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
+  return write(static_cast<int>(pipe), bytes.data(), bytes.size()) ==
+         static_cast<ssize_t>(bytes.size());
+}
+#endif
+
+inline void SetEnv(const std::string& name, const std::string& value) {
+#ifdef _WIN32
+  _putenv_s(name.c_str(), value.c_str());
+#else
+  setenv(name.c_str(), value.c_str(), 1);
+#endif
+}
+
+inline void UnsetEnv(const std::string& name) {
+#ifdef _WIN32
+  _putenv_s(name.c_str(), "");
+#else
+  unsetenv(name.c_str());
+#endif
+}
+
+inline bool MakeDirectory(const std::string& path) {
+  std::error_code error;
+  return std::filesystem::create_directory(std::filesystem::u8path(path), error);
+}
+
+// Makes the program `target` (named with or without ".exe") startable as
+// `name`: a link on POSIX, a copy named `name` + ".exe" on Windows (which
+// finds it under `name`).
+inline bool InstallProgram(const std::string& target, const std::string& name) {
+  std::error_code error;
+#ifdef _WIN32
+  const bool hasExe = target.size() > 4 && target.compare(target.size() - 4, 4, ".exe") == 0;
+  std::filesystem::copy_file(std::filesystem::u8path(hasExe ? target : target + ".exe"),
+                             std::filesystem::u8path(name + ".exe"), error);
+#else
+  std::filesystem::create_symlink(target, name, error);
+#endif
+  return !error;
+}
+
 // Polls the condition every few milliseconds for at most `seconds`.
 inline bool PollUntil(const std::function<bool()>& condition, double seconds) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
@@ -81,6 +182,7 @@ inline bool PollUntil(const std::function<bool()>& condition, double seconds) {
   return true;
 }
 
+#ifndef _WIN32
 // Sends a signal to this process from another thread 100 ms after `ready`
 // holds, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a wait;
 // the result is when it was sent (the future waits for that as it goes).
@@ -94,5 +196,7 @@ inline std::future<std::chrono::steady_clock::time_point> SignalWhen(int signal,
     return sent;
   });
 }
+
+#endif
 
 }  // namespace veltest

@@ -3,13 +3,16 @@
 // finding the program, failures and their messages, the pool's order, ending
 // children when generators go, and interrupts.
 
+#ifndef _WIN32
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -58,13 +61,13 @@ class GeneratorTest : public ::testing::Test {
     ClearInterruptRequest();
     // Blanks and non-ASCII in every path the child gets, the program's too.
     work = temp / "extract 17 ü/";
-    ASSERT_EQ(mkdir(work.c_str(), 0755), 0);
+    ASSERT_TRUE(veltest::MakeDirectory(work));
     design = temp / "pkg design ü.mcm";
     veltest::WriteFile(design, "design");
-    ASSERT_EQ(mkdir((temp / "my tools").c_str(), 0755), 0);
+    ASSERT_TRUE(veltest::MakeDirectory(temp / "my tools"));
     program = temp / "my tools/extracta sim";
-    ASSERT_EQ(symlink(veltest::ChildProgram().c_str(), program.c_str()), 0);
-    setenv("VELTAR_EXTRACTA_PATHOVERRIDE", program.c_str(), 1);
+    ASSERT_TRUE(veltest::InstallProgram(veltest::ChildProgram(), program));
+    veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", program);
   }
 
   void TearDown() override {
@@ -73,7 +76,7 @@ class GeneratorTest : public ::testing::Test {
   }
 
   // What the next children started will do (see vel-test-child).
-  void ChildDoes(const std::string& actions) { setenv("VEL_TEST_CHILD", actions.c_str(), 1); }
+  void ChildDoes(const std::string& actions) { veltest::SetEnv("VEL_TEST_CHILD", actions); }
 
   static LongFileName Long(const std::string& path) { return LongFileName(AString(path)); }
   Generator Make(ViewType type, const std::string& name = "") {
@@ -89,7 +92,7 @@ class GeneratorTest : public ::testing::Test {
   // this test's own, and a failing test must not leave them running.
   static std::vector<int> LeftIn(int group) {
     const std::vector<int> left = veltest::ProcessesInGroup(group);
-    for (int pid : left) kill(pid, SIGKILL);
+    for (int pid : left) veltest::KillProcess(pid);
     return left;
   }
 
@@ -104,14 +107,18 @@ class GeneratorTest : public ::testing::Test {
 };
 
 TEST_F(GeneratorTest, ChildGetsTheArgumentListWithoutPathQuotesAndNothingElse) {
+#ifndef _WIN32
   // A descriptor without close-on-exec, as a careless library might leave one.
   const int stray = open("/dev/null", O_RDONLY);
+#endif
   ChildDoes("record=" + records);
   Traces traces;
   // The name goes into the file names: anything but letters, digits, "-" and
   // "_" becomes one "_", a non-ASCII letter too.
   Generator generator = Make(kFullGeo, "a.b/c:ü-d");
+#ifndef _WIN32
   close(stray);
+#endif
   const ActiveView view = generator->waitForViewFile();
 
   const std::string control = work + "extracta_control_fullgeoa_b_c__-d.txt";
@@ -120,10 +127,16 @@ TEST_F(GeneratorTest, ChildGetsTheArgumentListWithoutPathQuotesAndNothingElse) {
   std::vector<veltest::ChildRecord> started = Started();
   ASSERT_EQ(started.size(), 1u);
   EXPECT_THAT(started[0].args, ElementsAre(program, "-k", "-c", "-m", design, control, output));
-  EXPECT_EQ(started[0].cwd + "/", work);
+  // Compared as paths: Windows reports it with its own separators.
+  EXPECT_EQ((std::filesystem::u8path(started[0].cwd) / "").lexically_normal(),
+            std::filesystem::u8path(work).lexically_normal());
+#ifdef _WIN32
+  EXPECT_EQ(started[0].stdinTarget, "NUL");
+#else
   EXPECT_EQ(started[0].stdinTarget, "/dev/null");
   EXPECT_EQ(started[0].fds, "0,1,2");
-  EXPECT_NE(kill(started[0].pid, 0), 0) << "an ended child is reaped";
+#endif
+  EXPECT_FALSE(veltest::ProcessExists(started[0].pid)) << "an ended child is reaped";
   std::ostringstream block;
   WriteViewBlock(ExtractaViewDef(kFullGeo, {}, false), block);
   EXPECT_EQ(veltest::ReadFile(control), block.str());
@@ -148,9 +161,9 @@ TEST_F(GeneratorTest, ChildGetsTheArgumentListWithoutPathQuotesAndNothingElse) {
 }
 
 TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
-  unsetenv("VELTAR_EXTRACTA_PATHOVERRIDE");
+  veltest::UnsetEnv("VELTAR_EXTRACTA_PATHOVERRIDE");
   const std::string bin = temp / "bin";
-  ASSERT_EQ(mkdir(bin.c_str(), 0755), 0);
+  ASSERT_TRUE(veltest::MakeDirectory(bin));
   veltest::ScopedEnv path("PATH", bin);
   ChildDoes("record=" + records + ";say=ERROR: bad view;exit=3");
 
@@ -166,7 +179,7 @@ TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
 
   // "extracta.exe" finds "extracta" on PATH; runExtracta names the program
   // as it was asked for.
-  ASSERT_EQ(symlink(veltest::ChildProgram().c_str(), (bin + "/extracta").c_str()), 0);
+  ASSERT_TRUE(veltest::InstallProgram(veltest::ChildProgram(), bin + "/extracta"));
   EXPECT_EQ(FailureOf([&] { RunExtracta(true); }),
             "extracta.exe exited with non-zero exit code 3: ERROR: bad view");
   ASSERT_EQ(Started().size(), 1u);
@@ -175,16 +188,21 @@ TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
   // Any other start failure carries the system's text.
   const std::string plainFile = temp / "not a program";
   veltest::WriteFile(plainFile, "data");
-  setenv("VELTAR_EXTRACTA_PATHOVERRIDE", plainFile.c_str(), 1);
+  veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", plainFile);
+#ifdef _WIN32
+  EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
+            "CreateProcess failed with error 193: " + VeltFormatSystemMessage(193));
+#else
   EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
             "CreateProcess failed with error 13: Permission denied");
   // So does one that only the started child meets, when it cannot execute.
   ASSERT_EQ(chmod(plainFile.c_str(), 0755), 0);
   EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
             "CreateProcess failed with error 8: Exec format error");
+#endif
 
   // A control file that cannot be written names the working directory.
-  setenv("VELTAR_EXTRACTA_PATHOVERRIDE", program.c_str(), 1);
+  veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", program);
   work = temp / "missing/";
   EXPECT_EQ(FailureOf([&] { Make(kLayer); }), "ExtractaViewGenerator failed to write file " + work);
   EXPECT_EQ(ExtractaViewGenerator::runningCount() + ExtractaViewGenerator::waitingCount(), 0u);
@@ -202,10 +220,14 @@ TEST_F(GeneratorTest, FailingChildrenReportEverythingTheyPrinted) {
       {"say=ERROR: bad view;exit=3", nullptr, prefix + "3: ERROR: bad view"},
       {"exit=3", nullptr, prefix + "3"},
       // A crash reads as 128 + the signal.
-      {"sleep=60000", [](int pid) { kill(pid, SIGKILL); }, prefix + "137"},
+      {"sleep=60000", veltest::KillProcess, prefix + "137"},
+#ifndef _WIN32
+      // Reaped behind the generator's back (a handle cannot be taken away on
+      // Windows).
       {"", [](int pid) { waitpid(pid, nullptr, 0); },
        "ExtractaViewGenerator ProcessRunning check failed, VeltGetProcessExitCode returned zero "
        "for extracta process"},
+#endif
   };
   for (const Case& c : cases) {
     ChildDoes(c.actions);
@@ -272,7 +294,7 @@ TEST_F(GeneratorTest, NoProcessOfAGeneratorsTreeOutlivesIt) {
   // Whether the child ended by itself, leaving a grandchild in its group, or
   // the generator is dropped while the child runs, the whole tree is ended.
   for (const bool running : {false, true}) {
-    unlink(grandchild.c_str());
+    std::remove(grandchild.c_str());
     ChildDoes("grandchild=" + grandchild + (running ? ";sleep=60000" : ""));
     Generator generator = Make(kComponent);
     const int group = VeltProcessId(generator->childProcess());
@@ -289,12 +311,16 @@ TEST_F(GeneratorTest, NoProcessOfAGeneratorsTreeOutlivesIt) {
       generator->waitForViewFile();
     }
     EXPECT_EQ(LeftIn(group), std::vector<int>{}) << "no process, no zombie";
-    EXPECT_NE(kill(grandchildPid, 0), 0);
+    EXPECT_FALSE(veltest::ProcessExists(grandchildPid));
   }
   EXPECT_EQ(ExtractaViewGenerator::runningCount(), 0u);
 }
 
 TEST_F(GeneratorTest, InterruptFailsTheWaitAndNoChildOutlivesItByASecond) {
+#ifdef _WIN32
+  GTEST_SKIP() << "a console control event reaches every process of the console, the test "
+                  "runner included";
+#else
   ExtractaViewGenerator::maxConcurrentExtractas = 1;
   std::vector<Generator> generators;
   ChildDoes("");
@@ -323,6 +349,7 @@ TEST_F(GeneratorTest, InterruptFailsTheWaitAndNoChildOutlivesItByASecond) {
   EXPECT_EQ(LeftIn(group), std::vector<int>{});
   EXPECT_FALSE(veltest::PathExists(records));
   EXPECT_EQ(ExtractaViewGenerator::runningCount() + ExtractaViewGenerator::waitingCount(), 0u);
+#endif
 }
 
 TEST(GeneratorPool, ConcurrencyLimitIsHalfTheHardwareThreadsAndAtLeastOne) {

@@ -6,17 +6,30 @@
 //   print=N      print N bytes of numbered lines on standard output
 //   sleep=MS     sleep MS milliseconds
 //   grandchild=FILE  leave a grandchild sleeping ten minutes, its pid in FILE
+//   pidfile=FILE write this process's pid into FILE
 //   exit=N       end with exit code N once the list is done (default 0)
 // Record lines, one append each so that children sharing a file do not mix
 // them, are fields each ended by a tab (times CLOCK_MONOTONIC nanoseconds):
 //   start  pid  time  cwd  stdin-target  open-fds ("0,1,2")  argv[0]  argv[1] ...
 //   end    pid  time
+// On Windows the times are the steady clock's, the stdin target is "NUL" for
+// the null device, and the open descriptors are not known ("-").
 
+#ifdef _WIN32
+#include <direct.h>
+#include <fcntl.h>
+#include <io.h>
+#include <process.h>
+#include <windows.h>
+#else
 #include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
+#endif
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <sstream>
@@ -24,6 +37,58 @@
 #include <thread>
 
 namespace {
+
+#ifdef _WIN32
+int GetPid() { return _getpid(); }
+
+std::string Now() {
+  return std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count()) +
+         "\t";
+}
+
+void WriteAll(int fd, const std::string& text) {
+  for (int done = 0, n; done < static_cast<int>(text.size()); done += n)
+    if ((n = _write(fd, text.data() + done, static_cast<unsigned>(text.size() - done))) <= 0)
+      return;
+}
+
+void Append(const std::string& file, const std::string& text) {
+  const int fd = _open(file.c_str(), _O_WRONLY | _O_APPEND | _O_CREAT | _O_BINARY, 0644);
+  WriteAll(fd, text);
+  _close(fd);
+}
+
+std::string StartRecord(int argc, char** argv) {
+  char cwd[4096];
+  const HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+  std::string text = "start\t" + std::to_string(_getpid()) + "\t" + Now() +
+                     (_getcwd(cwd, sizeof cwd) ? cwd : "") + "\t" +
+                     (GetFileType(input) == FILE_TYPE_CHAR ? "NUL" : "file") + "\t-\t";
+  for (int i = 0; i < argc; ++i) text += std::string(argv[i]) + "\t";
+  return text + "\n";
+}
+
+// Starts this program again with the one action "pidfile=FILE;sleep=600000",
+// in this child's job, as a grandchild.
+void LeaveGrandchild(const std::string& file) {
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const std::string actions = "pidfile=" + file + ";sleep=600000";
+  SetEnvironmentVariableA("VEL_TEST_CHILD", actions.c_str());
+  std::wstring commandLine = L"\"" + std::wstring(self) + L"\"";
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof startup;
+  PROCESS_INFORMATION started = {};
+  if (CreateProcessW(self, &commandLine[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup,
+                     &started)) {
+    CloseHandle(started.hThread);
+    CloseHandle(started.hProcess);
+  }
+}
+#else
+int GetPid() { return getpid(); }
 
 std::string Now() {
   timespec now;
@@ -59,9 +124,24 @@ std::string StartRecord(int argc, char** argv) {
   return text + "\n";
 }
 
+void LeaveGrandchild(const std::string& file) {
+  if (fork() != 0) return;
+  // The pid appears at once, whole: written aside, then renamed.
+  Append(file + ".tmp", std::to_string(getpid()));
+  rename((file + ".tmp").c_str(), file.c_str());
+  sleep(600);
+  _exit(0);
+}
+#endif
+
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef _WIN32
+  // What it is told to print arrives byte for byte, as on POSIX.
+  _setmode(1, _O_BINARY);
+  _setmode(2, _O_BINARY);
+#endif
   const char* actions = std::getenv("VEL_TEST_CHILD");
   std::istringstream list(actions ? actions : "");
   std::string recordFile;
@@ -83,17 +163,18 @@ int main(int argc, char** argv) {
       WriteAll(1, text.substr(0, bytes));
     } else if (key == "sleep") {
       std::this_thread::sleep_for(std::chrono::milliseconds(std::atoll(value.c_str())));
-    } else if (key == "grandchild" && fork() == 0) {
+    } else if (key == "grandchild") {
+      LeaveGrandchild(value);
+    } else if (key == "pidfile") {
       // The pid appears at once, whole: written aside, then renamed.
-      Append(value + ".tmp", std::to_string(getpid()));
-      rename((value + ".tmp").c_str(), value.c_str());
-      sleep(600);
-      _exit(0);
+      Append(value + ".tmp", std::to_string(GetPid()));
+      std::remove(value.c_str());
+      std::rename((value + ".tmp").c_str(), value.c_str());
     } else if (key == "exit") {
       exitCode = std::atoi(value.c_str());
     }
   }
   if (!recordFile.empty())
-    Append(recordFile, "end\t" + std::to_string(getpid()) + "\t" + Now() + "\n");
+    Append(recordFile, "end\t" + std::to_string(GetPid()) + "\t" + Now() + "\n");
   return exitCode;
 }

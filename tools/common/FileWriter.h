@@ -1,17 +1,17 @@
 #pragma once
-// An output file written through a large buffer with plain system calls:
-// the tools write hundreds of megabytes a run, and stream formatting would
-// cost more than the work itself.
-
-#include <fcntl.h>
-#include <unistd.h>
+// An output file written through a large buffer of its own, in big unbuffered
+// writes: the tools write hundreds of megabytes a run, and stream formatting
+// would cost more than the work itself. Binary: the bytes land as written.
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+
+#include "tools/common/Platform.h"
 
 namespace veltools {
 
@@ -22,12 +22,13 @@ class FileWriter {
   // Creates or truncates `path`; throws std::runtime_error naming the path
   // and the system's reason when it cannot.
   explicit FileWriter(const std::string& path) : path_(path) {
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd_ < 0) fail("cannot create");
+    file_ = std::fopen(path.c_str(), "wb");
+    if (!file_) fail("cannot create");
+    std::setvbuf(file_, nullptr, _IONBF, 0);
     buffer_.reserve(kBufferSize);
   }
   ~FileWriter() {
-    if (fd_ >= 0) ::close(fd_);
+    if (file_) std::fclose(file_);
   }
   FileWriter(const FileWriter&) = delete;
   FileWriter& operator=(const FileWriter&) = delete;
@@ -44,18 +45,9 @@ class FileWriter {
   }
 
   void flush() {
-    const char* data = buffer_.data();
-    std::size_t left = buffer_.size();
-    while (left > 0) {
-      const ssize_t done = ::write(fd_, data, left);
-      if (done < 0) {
-        if (errno == EINTR) continue;
-        fail("cannot write");
-      }
-      data += done;
-      left -= static_cast<std::size_t>(done);
-      written_ += static_cast<std::uint64_t>(done);
-    }
+    const std::size_t done = std::fwrite(buffer_.data(), 1, buffer_.size(), file_);
+    written_ += done;
+    if (done != buffer_.size()) fail("cannot write");
     buffer_.clear();
   }
 
@@ -63,18 +55,26 @@ class FileWriter {
   // known only once what it measures has been written).
   void patch(std::uint64_t offset, std::string_view bytes) {
     flush();
-    if (::pwrite(fd_, bytes.data(), bytes.size(), static_cast<off_t>(offset)) !=
-        static_cast<ssize_t>(bytes.size())) {
+    if (!SeekTo(file_, offset) ||
+        std::fwrite(bytes.data(), 1, bytes.size(), file_) != bytes.size() ||
+        !SeekTo(file_, written_))
       fail("cannot write");
-    }
   }
 
   // Flushes and closes; throws when either fails (a full disk shows here).
   void close() {
     flush();
-    const int fd = fd_;
-    fd_ = -1;
-    if (::close(fd) != 0) fail("cannot write");
+    std::FILE* file = file_;
+    file_ = nullptr;
+    if (std::fclose(file) != 0) fail("cannot write");
+  }
+
+  // Closes without writing what is buffered and removes the file, so that no
+  // half-written file is left behind.
+  void discard() {
+    if (file_) std::fclose(file_);
+    file_ = nullptr;
+    std::remove(path_.c_str());
   }
 
   std::uint64_t bytesWritten() const { return written_ + buffer_.size(); }
@@ -86,7 +86,7 @@ class FileWriter {
   }
 
   std::string path_;
-  int fd_ = -1;
+  std::FILE* file_ = nullptr;
   std::string buffer_;
   std::uint64_t written_ = 0;
 };

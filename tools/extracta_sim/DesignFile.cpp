@@ -1,12 +1,11 @@
 #include "tools/extracta_sim/DesignFile.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+
+#include "tools/common/Platform.h"
 
 namespace extracta_sim {
 
@@ -34,49 +33,29 @@ std::string At(std::size_t offset) { return " at byte offset " + std::to_string(
 }  // namespace
 
 MappedFile::MappedFile(const std::string& path, const std::string& what) {
-  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw DesignError("cannot open " + what + " " + path + ": " + SystemReason());
-  struct stat st;
-  if (::fstat(fd, &st) != 0) {
-    const std::string reason = SystemReason();
-    ::close(fd);
-    throw DesignError("cannot read " + what + " " + path + ": " + reason);
-  }
-  if (S_ISDIR(st.st_mode)) {
-    ::close(fd);
+  std::error_code ignored;
+  if (std::filesystem::is_directory(std::filesystem::u8path(path), ignored))
     throw DesignError("cannot read " + what + " " + path + ": it is a directory");
+  if (veltools::MapFile(path, data_, size_)) {
+    mapped_ = true;
+    return;
   }
-  if (S_ISREG(st.st_mode) && st.st_size > 0) {
-    void* data =
-        ::mmap(nullptr, static_cast<std::size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-    if (data != MAP_FAILED) {
-      ::madvise(data, static_cast<std::size_t>(st.st_size), MADV_SEQUENTIAL);
-      data_ = static_cast<const char*>(data);
-      size_ = static_cast<std::size_t>(st.st_size);
-      mapped_ = true;
-      ::close(fd);
-      return;
-    }
-  }
+  // Not mappable (empty, a pipe, a device): read it whole.
+  std::FILE* file = std::fopen(path.c_str(), "rb");
+  if (!file) throw DesignError("cannot open " + what + " " + path + ": " + SystemReason());
   char buffer[1 << 16];
-  while (true) {
-    const ssize_t got = ::read(fd, buffer, sizeof buffer);
-    if (got == 0) break;
-    if (got < 0) {
-      if (errno == EINTR) continue;
-      const std::string reason = SystemReason();
-      ::close(fd);
-      throw DesignError("cannot read " + what + " " + path + ": " + reason);
-    }
-    copy_.append(buffer, static_cast<std::size_t>(got));
-  }
-  ::close(fd);
+  std::size_t got;
+  while ((got = std::fread(buffer, 1, sizeof buffer, file)) > 0) copy_.append(buffer, got);
+  const bool failed = std::ferror(file) != 0;
+  const std::string reason = SystemReason();
+  std::fclose(file);
+  if (failed) throw DesignError("cannot read " + what + " " + path + ": " + reason);
   data_ = copy_.data();
   size_ = copy_.size();
 }
 
 MappedFile::~MappedFile() {
-  if (mapped_) ::munmap(const_cast<char*>(data_), size_);
+  if (mapped_) veltools::UnmapFile(data_, size_);
 }
 
 std::vector<std::string_view> SplitRecordFields(std::string_view content, std::size_t offset) {
@@ -165,8 +144,8 @@ bool Design::readNextTable() {
   } else if (bytes_.substr(begin, 2) == "T!") {
     end = begin;
   } else if (begin < bytes_.size()) {
-    const void* found = ::memmem(bytes_.data() + begin, bytes_.size() - begin, "\nT!", 3);
-    if (found) end = static_cast<std::size_t>(static_cast<const char*>(found) - bytes_.data()) + 1;
+    const std::size_t found = bytes_.find("\nT!", begin);
+    if (found != std::string_view::npos) end = found + 1;
   }
   table.records = bytes_.substr(begin, end - begin);
   table.recordsOffset = begin;

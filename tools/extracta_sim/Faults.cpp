@@ -1,14 +1,12 @@
 #include "tools/extracta_sim/Faults.h"
 
-#include <fcntl.h>
-#include <fnmatch.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <cerrno>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <string>
+
+#include "tools/common/Platform.h"
 
 namespace extracta_sim {
 
@@ -49,16 +47,54 @@ void ReadOutputModes(const char* text, FaultPlan& plan) {
   }
 }
 
-void WriteAll(int fd, const char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t done = ::write(fd, data, size);
-    if (done < 0) {
-      if (errno == EINTR) continue;
-      return;
+// A bracket expression at `p` ("[a-z]", "[!0-9]"); whether `c` is in it, and
+// where the pattern goes on. An unclosed "[" is an ordinary character.
+bool InBracket(const std::string& pattern, std::size_t& p, char c) {
+  std::size_t i = p + 1;
+  const bool negated = i < pattern.size() && (pattern[i] == '!' || pattern[i] == '^');
+  if (negated) ++i;
+  bool found = false;
+  for (bool first = true; i < pattern.size() && (first || pattern[i] != ']'); first = false) {
+    const char low = pattern[i];
+    if (i + 2 < pattern.size() && pattern[i + 1] == '-' && pattern[i + 2] != ']') {
+      found = found || (low <= c && c <= pattern[i + 2]);
+      i += 3;
+    } else {
+      found = found || low == c;
+      ++i;
     }
-    data += done;
-    size -= static_cast<std::size_t>(done);
   }
+  if (i >= pattern.size()) {  // unclosed
+    ++p;
+    return c == '[';
+  }
+  p = i + 1;
+  return found != negated;
+}
+
+// Shell wildcard matching as fnmatch() without flags: "*", "?", brackets and
+// backslash escapes.
+bool Glob(const std::string& pattern, std::size_t p, const std::string& text, std::size_t t) {
+  while (p < pattern.size()) {
+    const char c = pattern[p];
+    if (c == '*') {
+      for (std::size_t rest = t; rest <= text.size(); ++rest)
+        if (Glob(pattern, p + 1, text, rest)) return true;
+      return false;
+    }
+    if (t >= text.size()) return false;
+    if (c == '?') {
+      ++p;
+    } else if (c == '[') {
+      if (!InBracket(pattern, p, text[t])) return false;
+    } else {
+      const char literal = c == '\\' && p + 1 < pattern.size() ? pattern[++p] : c;
+      if (literal != text[t]) return false;
+      ++p;
+    }
+    ++t;
+  }
+  return t == text.size();
 }
 
 }  // namespace
@@ -120,27 +156,11 @@ std::string BaseName(const std::string& path) {
 
 bool AppliesTo(const FaultPlan& plan, const std::string& controlPath) {
   if (plan.match.empty()) return true;
-  return ::fnmatch(plan.match.c_str(), BaseName(controlPath).c_str(), 0) == 0;
+  return Glob(plan.match, 0, BaseName(controlPath), 0);
 }
 
 int LeaveGrandchild(double seconds, bool keepOutput) {
-  const pid_t pid = ::fork();
-  if (pid != 0) return static_cast<int>(pid);
-  // The grandchild stays in the process group, so ending the group ends it.
-  if (!keepOutput) {
-    const int null = ::open("/dev/null", O_WRONLY);
-    if (null >= 0) {
-      ::dup2(null, STDOUT_FILENO);
-      ::dup2(null, STDERR_FILENO);
-      ::close(null);
-    }
-  }
-  timespec left;
-  left.tv_sec = static_cast<time_t>(seconds);
-  left.tv_nsec = static_cast<long>((seconds - static_cast<double>(left.tv_sec)) * 1e9);
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-  ::_exit(0);
+  return veltools::StartSleeper(seconds, keepOutput);
 }
 
 void PrintFiller(std::uint64_t count) {
@@ -150,9 +170,10 @@ void PrintFiller(std::uint64_t count) {
   while (block.size() + kLine.size() <= (1 << 16)) block += kLine;
   while (count > 0) {
     const std::size_t size = count < block.size() ? static_cast<std::size_t>(count) : block.size();
-    WriteAll(STDOUT_FILENO, block.data(), size);
+    std::fwrite(block.data(), 1, size, stdout);
     count -= size;
   }
+  std::fflush(stdout);
 }
 
 }  // namespace extracta_sim

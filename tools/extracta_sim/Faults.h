@@ -53,7 +53,7 @@ bool AppliesTo(const FaultPlan& plan, const std::string& controlPath);
 // The name of a path without its directory part ("/" or "\" separated).
 std::string BaseName(const std::string& path);
 
-// Forks a child that sleeps for `seconds` and then ends; returns its pid.
+// Leaves a process that sleeps for `seconds` and then ends; returns its pid.
 // Unless `keepOutput`, the child lets go of standard output and error first,
 // so it does not keep a reader of the parent's output waiting.
 int LeaveGrandchild(double seconds, bool keepOutput);

@@ -8,19 +8,18 @@
 // exit code 1. See tools/README.md for the design format and the
 // EXTRACTA_SIM_* variables.
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tools/common/FileWriter.h"
+#include "tools/common/Platform.h"
 #include "tools/extracta_sim/ControlFile.h"
 #include "tools/extracta_sim/DesignFile.h"
 #include "tools/extracta_sim/Faults.h"
@@ -92,7 +91,7 @@ void AppendLog(const FaultPlan& plan, std::uint64_t startNs, const std::string& 
   if (plan.logFile.empty() || logged) return;
   logged = true;
   const std::string line = std::to_string(startNs) + " " + std::to_string(NowNs()) + " " +
-                           std::to_string(::getpid()) + " " + BaseName(control) + "\n";
+                           std::to_string(veltools::ProcessId()) + " " + BaseName(control) + "\n";
   std::FILE* log = std::fopen(plan.logFile.c_str(), "a");
   if (!log) return;
   std::fwrite(line.data(), 1, line.size(), log);
@@ -107,8 +106,7 @@ void Say(const std::string& text) {
 std::string ExtractionDate(const FaultPlan& plan) {
   if (!plan.date.empty()) return plan.date;
   const std::time_t now = std::time(nullptr);
-  std::tm local;
-  localtime_r(&now, &local);
+  const std::tm local = veltools::LocalTime(now);
   char text[64];
   std::strftime(text, sizeof text, "%a %b %d %H:%M:%S %Y", &local);
   return text;
@@ -151,20 +149,12 @@ std::optional<int> InjectBeforeWork(const FaultPlan& plan, std::uint64_t startNs
   }
   if (plan.printBytes > 0) PrintFiller(plan.printBytes);
   if (plan.sleepMs > 0) {
-    timespec left{static_cast<time_t>(plan.sleepMs / 1000),
-                  static_cast<long>(plan.sleepMs % 1000) * 1000000L};
-    while (::nanosleep(&left, &left) != 0) {
-    }
+    veltools::SleepMilliseconds(plan.sleepMs);
   }
   if (plan.signal != 0) {
     AppendLog(plan, startNs, control);
     std::fflush(stdout);
-    ::signal(plan.signal, SIG_DFL);
-    sigset_t only;
-    sigemptyset(&only);
-    sigaddset(&only, plan.signal);
-    sigprocmask(SIG_UNBLOCK, &only, nullptr);
-    ::kill(::getpid(), plan.signal);
+    veltools::DieBySignal(plan.signal);
   }
   if (plan.failCode) {
     Say(plan.failMessage);
@@ -221,9 +211,10 @@ int Extract(const Arguments& args, const FaultPlan& plan, bool injected) {
     ExtractView(views[i], job, style, sink, cost);
     const std::uint64_t size = files[i]->bytesWritten();
     files[i]->close();
-    if (injected && plan.truncateOutput &&
-        ::truncate(args.outputs[i].c_str(), static_cast<off_t>(size / 2)) != 0) {
-      throw std::runtime_error("cannot truncate " + args.outputs[i]);
+    if (injected && plan.truncateOutput) {
+      std::error_code error;
+      std::filesystem::resize_file(std::filesystem::u8path(args.outputs[i]), size / 2, error);
+      if (error) throw std::runtime_error("cannot truncate " + args.outputs[i]);
     }
   }
   return 0;
@@ -232,6 +223,8 @@ int Extract(const Arguments& args, const FaultPlan& plan, bool injected) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (veltools::RunAsSleeper(argc, argv)) return 0;
+  veltools::UseBinaryStandardStreams();
   const std::uint64_t startNs = NowNs();
   FaultPlan plan;
   std::string control;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "tools/common/Platform.h"
 #include "tools/make_design/DesignSchema.h"
 #include "tools/make_design/TableWriter.h"
 
@@ -609,8 +610,7 @@ void Generator::writeJob() {
   // A save date drawn from the seed: the snapshot's bytes never depend on
   // when it was made.
   const time_t saved = static_cast<time_t>(1767225600 + (options_.seed * 2654435761u) % 31536000);
-  std::tm when;
-  gmtime_r(&saved, &when);
+  const std::tm when = veltools::UniversalTime(saved);
   char date[64];
   std::strftime(date, sizeof date, "%a %b %d %H:%M:%S %Y", &when);
 

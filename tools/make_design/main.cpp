@@ -4,8 +4,6 @@
 //   make-design --seed S --conn-records N -o FILE [--nets N] [--geo-records N]
 //               [--layers N] [--name NAME] [--title TITLE] [--quiet]
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -16,6 +14,7 @@
 #include <string>
 
 #include "tools/common/FileWriter.h"
+#include "tools/common/Platform.h"
 #include "tools/make_design/DesignGenerator.h"
 
 namespace {
@@ -38,6 +37,7 @@ std::uint64_t ReadNumber(const std::string& option, const char* text) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  veltools::UseBinaryStandardStreams();
   make_design::DesignOptions options;
   std::string output;
   bool quiet = false;
@@ -89,7 +89,7 @@ int main(int argc, char** argv) {
       summary = make_design::WriteDesign(options, out);
     } catch (...) {
       // No half-written design is left behind to be mistaken for a whole one.
-      ::unlink(output.c_str());
+      out.discard();
       throw;
     }
     const std::uint64_t bytes = out.bytesWritten();

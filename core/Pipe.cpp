@@ -1,0 +1,22 @@
+// What the pipes share on every system: the reader a polling loop calls.
+
+#include "core/Pipe.h"
+
+#include "core/VelAssert.h"
+
+int drainPipe(VeltPipeHandle readEnd, AString& output) {
+  CPipeCommunicator communicator(readEnd);
+  char smallBuffer[1];
+  char buffer[14096];
+  int count = 0;
+  if (communicator.Read(smallBuffer, 1, count, false, 0, false) != 0) return 1;
+  while (count != 0) {
+    int receivedSize = 0;
+    if (communicator.Read(buffer, sizeof buffer, receivedSize, true, 0, true) != 0) return 2;
+    VEL_ASSERT_REPORT("Norvik/PipeUtil", 51, receivedSize > 0, "receivedSize > 0");
+    if (receivedSize > 0) output += AString(buffer, static_cast<std::size_t>(receivedSize));
+    count = 0;
+    if (communicator.Read(smallBuffer, 1, count, false, 0, false) != 0) return 1;
+  }
+  return 0;
+}

@@ -1,0 +1,174 @@
+#include "core/File.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <vector>
+
+namespace {
+
+// Copying through this program, where the kernel cannot copy.
+constexpr std::size_t kCopyBuffer = 1 << 20;
+// Large enough that one call copies a whole piece; the kernel splits it.
+constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
+
+int Descriptor(std::intptr_t handle) { return static_cast<int>(handle); }
+
+void CloseHandle(std::intptr_t& handle) {
+  if (handle >= 0) close(Descriptor(handle));
+  handle = -1;
+}
+
+// The mode a newly created file gets from the user's umask.
+mode_t NewFileMode() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+}  // namespace
+
+VeltInputFile::~VeltInputFile() { CloseHandle(handle_); }
+
+bool VeltInputFile::Open(const AString& path) {
+  CloseHandle(handle_);
+  const int fd = open(VEL_ANSI(path).c_str(), O_RDONLY | O_CLOEXEC);
+  error_ = fd < 0 ? errno : 0;
+  handle_ = fd;
+  return fd >= 0;
+}
+
+std::int64_t VeltInputFile::Read(char* buffer, std::size_t size) {
+  for (;;) {
+    const ssize_t got = read(Descriptor(handle_), buffer, size);
+    if (got >= 0) return got;
+    if (errno != EINTR) {
+      error_ = errno;
+      return -1;
+    }
+  }
+}
+
+VeltOutputFile::~VeltOutputFile() { CloseHandle(handle_); }
+
+bool VeltOutputFile::Create(const AString& path) {
+  CloseHandle(handle_);
+  const int fd = open(VEL_ANSI(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  error_ = fd < 0 ? errno : 0;
+  handle_ = fd;
+  return fd >= 0;
+}
+
+bool VeltOutputFile::Write(const char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(Descriptor(handle_), data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) {
+      error_ = written < 0 ? errno : ENOSPC;
+      return false;
+    }
+    data += written;
+    size -= static_cast<std::size_t>(written);
+  }
+  return true;
+}
+
+bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
+#ifdef __linux__
+  for (;;) {
+    const ssize_t done = copy_file_range(Descriptor(input.handle_), nullptr, Descriptor(handle_),
+                                         nullptr, kCopyChunk, 0);
+    if (done > 0) {
+      copied += static_cast<std::uint64_t>(done);
+      continue;
+    }
+    if (done == 0) return true;
+    if (errno == EINTR) continue;
+    // Not supported between these two files (another file system, a file
+    // system without the call): copy through this program instead. The
+    // input's position has not moved past what was written.
+    if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) break;
+    error_ = errno;
+    return false;
+  }
+#endif
+  std::vector<char> buffer(kCopyBuffer);
+  for (;;) {
+    const std::int64_t got = input.Read(buffer.data(), buffer.size());
+    if (got < 0) {
+      error_ = input.Error();
+      return false;
+    }
+    if (got == 0) return true;
+    if (!Write(buffer.data(), static_cast<std::size_t>(got))) return false;
+    copied += static_cast<std::uint64_t>(got);
+  }
+}
+
+bool VeltOutputFile::Close() {
+  if (handle_ < 0) return true;
+  const bool closed = close(Descriptor(handle_)) == 0;
+  if (!closed) error_ = errno;
+  handle_ = -1;
+  return closed;
+}
+
+bool VeltIsDirectory(const AString& path) {
+  struct stat st;
+  return stat(VEL_ANSI(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool VeltPathExists(const AString& path) {
+  struct stat st;
+  return stat(VEL_ANSI(path).c_str(), &st) == 0;
+}
+
+bool VeltCreateDirectory(const AString& path) { return mkdir(VEL_ANSI(path).c_str(), 0777) == 0; }
+
+bool VeltRemoveTree(const AString& path) {
+  std::error_code ec;
+  std::filesystem::remove_all(std::filesystem::path(VEL_ANSI(path)), ec);
+  return !ec;
+}
+
+std::string VeltCurrentDirectory() {
+  std::vector<char> buffer(4096);
+  while (!getcwd(buffer.data(), buffer.size())) {
+    if (errno != ERANGE) return std::string();
+    buffer.resize(buffer.size() * 2);
+  }
+  return buffer.data();
+}
+
+bool VeltIsPathSeparator(wchar_t c) { return c == L'/'; }
+
+bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
+                          std::string& error) {
+  const auto reason = [](const std::string& what, const std::string& name) {
+    return what + " " + name + ": " + std::strerror(errno);
+  };
+  std::string temporary = path + ".XXXXXX";
+  const int fd = mkstemp(temporary.data());
+  if (fd < 0) {
+    error = reason("cannot create a temporary file for", path);
+    return false;
+  }
+  error.clear();
+  if (fchmod(fd, NewFileMode()) != 0 || write(fd, data, size) != static_cast<ssize_t>(size) ||
+      fsync(fd) != 0)
+    error = reason("cannot write", path);
+  if (close(fd) != 0 && error.empty()) error = reason("cannot write", path);
+  if (error.empty() && rename(temporary.c_str(), path.c_str()) != 0)
+    error = reason("cannot replace", path);
+  if (error.empty()) return true;
+  unlink(temporary.c_str());
+  return false;
+}
+
+void VeltFailWritesPastSizeLimit() { signal(SIGXFSZ, SIG_IGN); }

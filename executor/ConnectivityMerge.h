@@ -1,0 +1,54 @@
+#pragma once
+// Concatenates the connectivity pieces into one view file: the first piece's
+// two header lines, then everything after the header of every piece, byte for
+// byte. Nothing is parsed; the bulk of each piece is copied by the system
+// where it can, so the merge runs at the speed of a plain file copy.
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "core/AString.h"
+#include "core/File.h"
+
+class ConnectivityMerge {
+ public:
+  // A combined file that did not open is reported when the first piece is
+  // added to it, as a failure to add that piece.
+  explicit ConnectivityMerge(const AString& combinedPath);
+  ConnectivityMerge(const ConnectivityMerge&) = delete;
+  ConnectivityMerge& operator=(const ConnectivityMerge&) = delete;
+
+  // Appends one piece; throws ExtractaParserException naming the piece when
+  // it cannot be opened, its header cannot be read, or the combined file
+  // cannot take it.
+  void add(const AString& piecePath);
+
+  uint64_t bytesWritten() const { return bytes_; }
+  int filesAdded() const { return files_; }
+  int64_t microseconds() const {
+    return std::chrono::duration_cast<std::chrono::microseconds>(elapsed_).count();
+  }
+
+ private:
+  struct Header {
+    std::string lines[2];
+    std::size_t restBegin = 0;  // [restBegin, restEnd) of the buffer was read past the header
+    std::size_t restEnd = 0;
+    bool pieceEnded = false;  // the piece ended within its header
+    bool readError = false;
+  };
+
+  Header readHeader(VeltInputFile& piece);
+  void write(const char* data, std::size_t size);
+  void trace(const char* what, int error) const;
+
+  VeltOutputFile out_;
+  std::vector<char> buffer_;
+  bool first_ = true;
+  bool failed_ = false;  // the combined file is not in a good state
+  uint64_t bytes_ = 0;
+  int files_ = 0;
+  std::chrono::steady_clock::duration elapsed_{};
+};
