@@ -3,10 +3,12 @@
 // Packaging works from the directory's listing, not from the list of produced
 // views: whatever the run left there under the filter is delivered.
 
+#include <cstdint>
 #include <exception>
 #include <filesystem>
 #include <string>
 
+#include "core/File.h"
 #include "core/PathError.h"
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
@@ -48,6 +50,20 @@ AString CurrentFailure() {
   }
 }
 
+// Copies a file to a name that must not exist yet; the system's reason on
+// failure (the standard library's copy would say only "input/output error"
+// for a full disk).
+std::error_code CopyNew(const fs::path& source, const fs::path& target) {
+  if (fs::exists(target)) return std::make_error_code(std::errc::file_exists);
+  VeltInputFile in;
+  VeltOutputFile out;
+  std::uint64_t copied = 0;
+  const bool done = in.Open(AString(source.string())) && out.Create(AString(target.string())) &&
+                    out.CopyFrom(in, copied) && out.Close();
+  const int code = in.Error() ? in.Error() : out.Error();
+  return done ? std::error_code() : std::error_code(code, std::system_category());
+}
+
 }  // namespace
 
 bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
@@ -63,8 +79,7 @@ bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
     const fs::file_status status = fs::status(source, error);
     if (fs::status_known(status) && !fs::exists(status)) continue;
     if (fs::is_directory(status)) error = std::make_error_code(std::errc::is_a_directory);
-    if (!error)
-      fs::copy_file(source, workingpath / source.filename(), fs::copy_options::none, error);
+    if (!error) error = CopyNew(source, workingpath / source.filename());
     if (error) throw PathError("cannot add a file to the working directory", source, error);
   }
   return true;
