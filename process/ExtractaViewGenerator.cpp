@@ -17,6 +17,7 @@ std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::waitingGenerators;
 std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::runningGenerators;
 uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
     ExtractaViewGenerator::DefaultConcurrencyLimit();
+std::function<void(const ActiveView&)> ExtractaViewGenerator::viewFinished;
 
 namespace {
 
@@ -270,6 +271,7 @@ bool ExtractaViewGenerator::checkFinished() {
     VeltCloseProcessHandle(processHandle);
     processHandle = nullptr;
     RemoveAll(runningGenerators, this);
+    if (viewFinished) viewFinished(ActiveView{viewType, outputFile.FilePath()});
   }
   return running;
 }

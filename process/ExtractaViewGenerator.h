@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "core/AString.h"
@@ -48,6 +49,10 @@ class ExtractaViewGenerator {
   // Half the hardware threads, at least 1.
   static uint32_t ConcurrencyLimitFor(unsigned hardwareThreads);
   static uint32_t DefaultConcurrencyLimit();
+
+  // Called on the polling thread with the view file of every child of the
+  // pool that ended successfully, as soon as it is reaped; empty: nothing.
+  static std::function<void(const ActiveView&)> viewFinished;
 
   // For tests and diagnostics: the pool's queue lengths and this generator's
   // child (null while queued or after its child was reaped).
