@@ -68,7 +68,12 @@ BackgroundPacker::~BackgroundPacker() {
 }
 
 unsigned BackgroundPacker::DefaultThreads() {
-  return std::min(4u, std::max(1u, std::thread::hardware_concurrency()));
+  // The hardware threads the extracta processes leave, so that no extraction
+  // waits for a processor; once the last one has ended the polling thread
+  // joins in.
+  const unsigned hardware = std::thread::hardware_concurrency();
+  const unsigned children = ExtractaViewGenerator::ConcurrencyLimitFor(hardware);
+  return std::min(4u, std::max(1u, hardware > children ? hardware - children : 1u));
 }
 
 std::string BackgroundPacker::Key(const std::string& path) {
@@ -100,23 +105,28 @@ void BackgroundPacker::work() {
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
     if (stopping_) return;
-    const Task task = tasks_.front();
-    tasks_.pop_front();
-    ++active_;
-    lock.unlock();
-    try {
-      if (!deflater) deflater.reset(new SegmentDeflater);
-      run(task, *deflater);
-    } catch (const std::exception& failure) {
-      // The file is then compressed by the zip writer, as any other.
-      VelDebug(1, L"BackgroundPacker: %s\n", AString(failure.what()).c_str());
-      std::lock_guard<std::mutex> relock(mutex_);
-      done(*task.job, true);
-    }
-    lock.lock();
-    --active_;
-    idle_.notify_all();
+    runNext(lock, deflater);
   }
+}
+
+void BackgroundPacker::runNext(std::unique_lock<std::mutex>& lock,
+                               std::unique_ptr<SegmentDeflater>& deflater) {
+  const Task task = tasks_.front();
+  tasks_.pop_front();
+  ++active_;
+  lock.unlock();
+  try {
+    if (!deflater) deflater.reset(new SegmentDeflater);
+    run(task, *deflater);
+  } catch (const std::exception& failure) {
+    // The file is then compressed by the zip writer, as any other.
+    VelDebug(1, L"BackgroundPacker: %s\n", AString(failure.what()).c_str());
+    std::lock_guard<std::mutex> relock(mutex_);
+    done(*task.job, true);
+  }
+  lock.lock();
+  --active_;
+  idle_.notify_all();
 }
 
 void BackgroundPacker::run(const Task& task, SegmentDeflater& deflater) {
@@ -173,10 +183,16 @@ void BackgroundPacker::done(Job& job, bool failed) {
 }
 
 bool BackgroundPacker::finish() {
+  // The last views are on the critical path now: this thread, at its normal
+  // priority, deflates beside the workers.
+  std::unique_ptr<SegmentDeflater> deflater;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!tasks_.empty() || active_ > 0) {
     if (InterruptRequested()) return false;
-    idle_.wait_for(lock, std::chrono::milliseconds(50));
+    if (!tasks_.empty())
+      runNext(lock, deflater);
+    else
+      idle_.wait_for(lock, std::chrono::milliseconds(50));
   }
   lock.unlock();
   try {

@@ -41,7 +41,7 @@ class BackgroundPacker {
   BackgroundPacker(const BackgroundPacker&) = delete;
   BackgroundPacker& operator=(const BackgroundPacker&) = delete;
 
-  // The hardware threads, at least 1 and at most 4.
+  // The hardware threads the extracta processes leave: at least 1, at most 4.
   static unsigned DefaultThreads();
 
   // A view file (narrow path) is complete and will not change.
@@ -78,6 +78,8 @@ class BackgroundPacker {
   static constexpr std::size_t kPlan = SIZE_MAX;
 
   void work();
+  // Runs the first task; called with the lock held, returns with it held.
+  void runNext(std::unique_lock<std::mutex>& lock, std::unique_ptr<SegmentDeflater>& deflater);
   void run(const Task& task, SegmentDeflater& deflater);
   void plan(Job& job);
   void done(Job& job, bool failed);
