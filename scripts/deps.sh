@@ -11,6 +11,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   zip unzip python3 procps
+  p7zip-full libarchive-tools
 )
 
 missing=()
