@@ -2,18 +2,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
 #include <exception>
-
-#include <boost/filesystem.hpp>
+#include <filesystem>
 
 #include "core/AString.h"
 #include "core/Interrupt.h"
 #include "core/VelDebug.h"
 #include "core/ZipArchive.h"
 #include "process/ExtractaViewGenerator.h"
-
-namespace fs = boost::filesystem;
 
 namespace {
 
@@ -25,17 +21,19 @@ constexpr int kHeaderLines = 2;
 // segment of it is plenty.
 constexpr std::size_t kMaxCombinedHeader = 1 << 20;
 
+// What tells a file rewritten after it was deflated: its size and its time
+// of last change, to the file system's full resolution.
 struct FileState {
   uint64_t size;
-  std::time_t mtime;
+  std::filesystem::file_time_type changed;
   bool operator==(const FileState& other) const {
-    return size == other.size && mtime == other.mtime;
+    return size == other.size && changed == other.changed;
   }
 };
 
 // Throws on failure.
 FileState StateOf(const std::string& path) {
-  return FileState{fs::file_size(path), fs::last_write_time(path)};
+  return FileState{std::filesystem::file_size(path), std::filesystem::last_write_time(path)};
 }
 
 }  // namespace
@@ -77,7 +75,7 @@ unsigned BackgroundPacker::DefaultThreads() {
 }
 
 std::string BackgroundPacker::Key(const std::string& path) {
-  return fs::path(path).filename().string();
+  return std::filesystem::path(path).filename().string();
 }
 
 void BackgroundPacker::viewFinished(const std::string& path) {
@@ -243,7 +241,7 @@ bool BackgroundPacker::addTo(CZipArchive& archive, const std::string& path, bool
   if (!job.complete || job.failed) return false;
   try {
     if (!(StateOf(path) == job.state)) return false;
-  } catch (const fs::filesystem_error&) {
+  } catch (const std::filesystem::filesystem_error&) {
     return false;
   }
   archive.AddDeflatedFile(path, fullPath, JoinSegments(job.segments), store_);
