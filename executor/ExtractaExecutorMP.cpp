@@ -366,8 +366,9 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       ConnectivityMerge merge(combinedPath);
       std::vector<std::string> pieces;
       for (const GeneratorPtr& generator : connGenerators) {
-        pieces.push_back(VEL_ANSI(generator->waitForViewFile().path));
-        merge.add(AString(pieces.back()));
+        const AString piece = generator->waitForViewFile().path;
+        merge.add(piece);
+        pieces.push_back(VEL_ANSI(piece));
       }
       if (packer) packer->combinedFrom(VEL_ANSI(combinedPath), pieces);
       VelDebug(2, L"createExtractaControlFileAndViewsMP merged %d files, %lld bytes in %lld us\n",
