@@ -72,6 +72,7 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 
   ProgressLine progress(executor);
   std::vector<ActiveView> activeViews;
+  if (options.zip) executor.packWhileExtracting();
   const bool created = executor.createExtractaViews(designText, AString(base.string()), views,
                                                     options.nets, activeViews);
   if (created && !options.adds.empty()) executor.addFilesToWorkingDir(options.adds);

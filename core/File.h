@@ -66,6 +66,20 @@ class VeltOutputFile {
   int error_ = 0;
 };
 
+// What the zip writer records of a file beside its bytes.
+struct VeltFileInfo {
+  bool regular = false;
+  bool directory = false;
+  std::uint64_t size = 0;
+  std::int64_t modified = 0;  // seconds since 1970, UTC
+  // Unix permission and type bits, where the system has them.
+  bool hasUnixMode = false;
+  std::uint32_t unixMode = 0;
+};
+
+// False when the path does not name anything that can be looked at.
+bool VeltFileStatus(const AString& path, VeltFileInfo& info);
+
 // True when the path names an existing directory (a link to one counts).
 bool VeltIsDirectory(const AString& path);
 

@@ -14,6 +14,7 @@
 #include <string>
 
 #include "core/AString.h"
+#include "core/DeflateSegments.h"
 
 struct zip;
 
@@ -50,6 +51,13 @@ class CZipArchive {
   void AddNewFile(const std::string& path, int level, bool fullPath, int smartness = 0,
                   unsigned long bufferSize = 65536);
 
+  // Adds a file whose data was deflated already: the entry is written from
+  // the segments as they are, with the file's time and attributes, and never
+  // compressed again. The file must still hold exactly the entry's data. The
+  // store must outlive Close.
+  void AddDeflatedFile(const std::string& path, bool fullPath, DeflatedEntry entry,
+                       const DeflateStore& store);
+
   // Writes the archive. `afterException` non-zero abandons it instead (nothing
   // is written). The archive file keeps the time it was written at: asking to
   // update its time stamp throws. A failed write (a full disk, a file that
@@ -59,6 +67,7 @@ class CZipArchive {
   bool IsOpen() const { return archive_ != nullptr; }
 
  private:
+  std::string EntryName(const std::string& path, bool fullPath) const;
   void Discard();
   void WriteEmptyArchive();
 

@@ -14,6 +14,7 @@
 
 #include "core/ExtractaParserException.h"
 #include "core/VelAssert.h"
+#include "executor/BackgroundPacker.h"
 #include "process/ExtractaViewGenerator.h"
 #include "views/ExtractaViewControl.h"
 
@@ -53,9 +54,15 @@ int LocalRunNumber() {
 ExtractaExecutor::ExtractaExecutor() = default;
 
 ExtractaExecutor::~ExtractaExecutor() {
+  // The workers end before the files they may be reading go.
+  packer.reset();
   // Read now, not at construction: a user may set it while a long run goes on
   // to keep its files for a look.
   if (!std::getenv("VELTAR_EXTRACTA_DEBUG")) deleteWorkingDir();
+}
+
+void ExtractaExecutor::packWhileExtracting() {
+  if (!packer) packer.reset(new BackgroundPacker());
 }
 
 bool ExtractaExecutor::createWorkingDir(const AString& base) {

@@ -6,11 +6,14 @@
 // is defined then).
 
 #include <functional>
+#include <memory>
 #include <vector>
 
 #include "core/AString.h"
 #include "core/LongFileName.h"
 #include "views/ViewTypes.h"
+
+class BackgroundPacker;
 
 class ExtractaExecutor {
  public:
@@ -34,6 +37,10 @@ class ExtractaExecutor {
   bool createExtractaControlFileAndViewsMP(const AString& designFile, const ViewSet& views,
                                            const std::vector<AString>& nets,
                                            std::vector<ActiveView>& activeViews);
+
+  // Deflates view files on worker threads while later views are still being
+  // extracted, for an archive written by zipActiveViews.
+  void packWhileExtracting();
 
   // Packaging, from the working directory's listing.
   bool addFilesToWorkingDir(const std::vector<AString>& files);
@@ -62,4 +69,5 @@ class ExtractaExecutor {
   // same second compute the same name, and the second must not remove the
   // first one's directory.
   bool createdWorkingDir = false;
+  std::unique_ptr<BackgroundPacker> packer;
 };

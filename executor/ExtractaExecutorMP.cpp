@@ -24,6 +24,7 @@
 #include "core/ExtractaParserException.h"
 #include "core/LongFileName.h"
 #include "core/VelDebug.h"
+#include "executor/BackgroundPacker.h"
 #include "executor/ConnectivityMerge.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
@@ -121,6 +122,8 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
   VelDebug(1, L"*createExtractaControlFileAndViewsMP: workingdir %s\n",
            workingDir.FilePath().c_str());
 
+  // Declared first, so that it is removed after the generators are dropped.
+  const BackgroundPacker::Listening packing(packer.get());
   GeneratorList otherGenerators;
   GeneratorList connGenerators;
   try {
@@ -171,11 +174,14 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
 
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
       ConnectivityMerge merge(combinedPath);
+      std::vector<std::string> pieces;
       for (const GeneratorPtr& generator : connGenerators) {
         const AString piece = generator->waitForViewFile().path;
         if (onStep) onStep("merging connectivity");
         merge.add(piece);
+        pieces.push_back(VEL_ANSI(piece));
       }
+      if (packer) packer->combinedFrom(VEL_ANSI(combinedPath), pieces);
       VelDebug(2, L"createExtractaControlFileAndViewsMP merged %d files, %lld bytes in %lld us\n",
                merge.filesAdded(), static_cast<long long>(merge.bytesWritten()),
                static_cast<long long>(merge.microseconds()));

@@ -13,6 +13,7 @@
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
 #include "core/ZipArchive.h"
+#include "executor/BackgroundPacker.h"
 #include "executor/ExtractaExecutor.h"
 
 #define VEL_ASSERT_SOURCE "ExtractaExecutor"
@@ -99,10 +100,13 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   }
 
   try {
+    // An interrupt while the last views are deflated packs nothing.
+    if (packer && !packer->finish()) throw CZipException("interrupted");
     const fs::path workingpath(VEL_ANSI(workingDir.FilePath()));
     if (Exists(fs::status(workingpath))) {
       for (fs::directory_iterator it(workingpath), end; it != end; ++it) {
         if (!PassesFilter(it->path(), filterExtension)) continue;
+        if (packer && packer->addTo(archive, it->path().string(), true)) continue;
         archive.AddNewFile(it->path().string(), CZipArchive::kDefaultLevel, true, 7, 65536);
       }
     }

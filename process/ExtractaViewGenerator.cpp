@@ -17,6 +17,7 @@ std::size_t ExtractaViewGenerator::endedChildren = 0;
 std::function<void(const ExtractaViewGenerator::PoolState&)> ExtractaViewGenerator::observer;
 uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
     ExtractaViewGenerator::DefaultConcurrencyLimit();
+std::function<void(const ActiveView&)> ExtractaViewGenerator::viewFinished;
 
 namespace {
 
@@ -277,6 +278,7 @@ bool ExtractaViewGenerator::checkFinished() {
     processHandle = nullptr;
     RemoveAll(runningGenerators, this);
     ++endedChildren;
+    if (viewFinished) viewFinished(ActiveView{viewType, outputFile.FilePath()});
   }
   return running;
 }

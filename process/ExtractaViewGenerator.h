@@ -62,6 +62,10 @@ class ExtractaViewGenerator {
   // the caller can show progress; null when nobody listens.
   static std::function<void(const PoolState&)> observer;
 
+  // Called on the polling thread with the view file of every child of the
+  // pool that ended successfully, as soon as it is reaped; empty: nothing.
+  static std::function<void(const ActiveView&)> viewFinished;
+
   // For tests and diagnostics: the pool's queue lengths and this generator's
   // child (null while queued or after its child was reaped).
   static std::size_t runningCount() { return runningGenerators.size(); }

@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
   zip unzip python3 procps
+  p7zip-full libarchive-tools
 )
 
 missing=()

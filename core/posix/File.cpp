@@ -124,6 +124,19 @@ bool VeltIsDirectory(const AString& path) {
   return stat(VEL_ANSI(path).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
+bool VeltFileStatus(const AString& path, VeltFileInfo& info) {
+  struct stat st;
+  if (stat(VEL_ANSI(path).c_str(), &st) != 0) return false;
+  info = VeltFileInfo();
+  info.regular = S_ISREG(st.st_mode);
+  info.directory = S_ISDIR(st.st_mode);
+  info.size = static_cast<std::uint64_t>(st.st_size);
+  info.modified = static_cast<std::int64_t>(st.st_mtime);
+  info.hasUnixMode = true;
+  info.unixMode = static_cast<std::uint32_t>(st.st_mode);
+  return true;
+}
+
 bool VeltPathExists(const AString& path) {
   struct stat st;
   return stat(VEL_ANSI(path).c_str(), &st) == 0;

@@ -106,6 +106,20 @@ bool VeltIsDirectory(const AString& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY);
 }
 
+bool VeltFileStatus(const AString& path, VeltFileInfo& info) {
+  WIN32_FILE_ATTRIBUTE_DATA data;
+  if (!GetFileAttributesExW(path.wstr().c_str(), GetFileExInfoStandard, &data)) return false;
+  info = VeltFileInfo();
+  info.directory = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+  info.regular = !info.directory && (data.dwFileAttributes & FILE_ATTRIBUTE_DEVICE) == 0;
+  info.size = (std::uint64_t(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+  // FILETIME counts 100-nanosecond steps since 1601.
+  const std::uint64_t ticks = (std::uint64_t(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                              data.ftLastWriteTime.dwLowDateTime;
+  info.modified = static_cast<std::int64_t>(ticks / 10000000) - 11644473600LL;
+  return true;
+}
+
 bool VeltPathExists(const AString& path) { return Attributes(path) != INVALID_FILE_ATTRIBUTES; }
 
 bool VeltCreateDirectory(const AString& path) {

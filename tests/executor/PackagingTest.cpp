@@ -17,6 +17,7 @@
 
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
+#include "executor/BackgroundPacker.h"
 #include "executor/ExtractaExecutor.h"
 #include "tests/support/TestSupport.h"
 
@@ -50,6 +51,22 @@ std::map<std::string, Entry> ReadArchive(const std::string& path) {
   }
   zip_close(archive);
   return entries;
+}
+
+// Whether an entry's data ends as joined segments end: a sync flush's empty
+// stored block, then the final block. The zip writer's own deflate does not.
+bool JoinedSegments(const std::string& path, const std::string& name) {
+  int error = 0;
+  zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY, &error);
+  zip_stat_t st;
+  zip_stat(archive, name.c_str(), 0, &st);
+  std::string raw(st.comp_size, '\0');
+  zip_file_t* file = zip_fopen(archive, name.c_str(), ZIP_FL_COMPRESSED);
+  zip_fread(file, raw.data(), raw.size());
+  zip_fclose(file);
+  zip_close(archive);
+  const std::string end("\0\0\xff\xff\x03\0", 6);
+  return raw.size() >= end.size() && raw.compare(raw.size() - end.size(), end.size(), end) == 0;
 }
 
 // The entry names of an archive, sorted.
@@ -174,6 +191,58 @@ TEST_F(PackagingTest, FailuresAreReportedAndKeepWhatWasThere) {
         executor_.moveActiveViews(AString(out_.path()), AString(".TXT")), {moveFailed},
         {"notes.TXT"});
   EXPECT_TRUE(PathExists(out_ / "notes.TXT/keep"));
+}
+
+TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
+  // Pieces (one with a body of several segments, one of a single line) and
+  // the combined file of their bodies are deflated ahead; a view changed after
+  // it was handed over, and a file never handed over, are deflated by the zip
+  // writer. Either way every entry holds the file's bytes, in memory or with
+  // everything spilled to the temporary file.
+  std::string large = "A!NET_NAME!PIN!\r\nJ!pkg.mcm!x!\r\n";
+  for (int i = 0; large.size() < 5 * BackgroundPacker::kSegmentBytes / 2; ++i)
+    large += "S!GND!P" + std::to_string(i) + "!\r\n";
+  const std::vector<std::pair<std::string, std::string>> pieces = {
+      {"conn0_GND.txt", large},
+      {"conn1_VDD.txt", "A!NET_NAME!PIN!\r\nJ!pkg.mcm!y!\r\nS!VDD!P1!\r\n"},
+      {"connremainder.txt", "A!NET_NAME!PIN!\r\n"}};
+  for (const std::size_t budget : {BackgroundPacker::kMemoryBudget, std::size_t(0)}) {
+    SCOPED_TRACE(budget);
+    veltest::TempDir dir;
+    std::string combined = large.substr(0, large.find("S!"));
+    std::vector<std::string> piecePaths;
+    BackgroundPacker packer(2, budget);
+    for (const auto& [name, bytes] : pieces) {
+      WriteFile(dir / name, bytes);
+      piecePaths.push_back(dir / name);
+      packer.viewFinished(dir / name);
+      const std::size_t second = bytes.find('\n', bytes.find('\n') + 1);
+      if (second != std::string::npos) combined += bytes.substr(second + 1);
+    }
+    WriteFile(dir / "conn.txt", combined);
+    packer.combinedFrom(dir / "conn.txt", piecePaths);
+    WriteFile(dir / "layer.txt", "A!LAYER!\r\nJ!pkg.mcm!x!\r\nS!TOP!\r\n");
+    packer.viewFinished(dir / "layer.txt");
+    WriteFile(dir / "extracta_control_layer.txt", "LAYER\r\n");
+    ASSERT_TRUE(packer.finish());
+    WriteFile(dir / "layer.txt", "A!LAYER!\r\nJ!pkg.mcm!x!\r\nS!BOTTOM!\r\n");
+
+    const std::string out = dir / "out.vlx";
+    CZipArchive archive;
+    archive.Open(out, CZipArchive::kCreate, 0);
+    const Names files = ListDir(dir.path());
+    for (const std::string& name : files)
+      if (name != "out.vlx" && !packer.addTo(archive, dir / name, true))
+        archive.AddNewFile(dir / name, CZipArchive::kDefaultLevel, true);
+    archive.Close();
+    const auto entries = ReadArchive(out);
+    for (const std::string& name : files) {
+      if (name == "out.vlx") continue;
+      const std::string entry = (dir / name).substr(1);
+      EXPECT_EQ(entries.at(entry).data, ReadFile(dir / name)) << name;
+      EXPECT_EQ(JoinedSegments(out, entry), name.rfind("conn", 0) == 0) << name;
+    }
+  }
 }
 
 TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsoluteNormalisedPathWithoutRoot) {

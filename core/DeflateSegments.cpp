@@ -1,0 +1,236 @@
+#include "core/DeflateSegments.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#ifdef _WIN32
+#include <filesystem>
+#include <random>
+#include <string>
+#endif
+
+namespace {
+
+// Raw deflate (no zlib or gzip wrapper), deflate's full window and its
+// default memory level: what zip archives carry.
+constexpr int kRawWindowBits = -15;
+constexpr int kMemoryLevel = 8;
+constexpr std::size_t kWindow = 32 << 10;
+
+std::runtime_error Failure(const std::string& what, const std::string& path) {
+  return std::runtime_error(what + " " + path + ": " + std::strerror(errno));
+}
+
+int Seek(std::FILE* file, uint64_t offset) {
+#ifdef _WIN32
+  return _fseeki64(file, static_cast<long long>(offset), SEEK_SET);
+#else
+  return fseeko(file, static_cast<off_t>(offset), SEEK_SET);
+#endif
+}
+
+// An anonymous temporary file: removed when closed, or when the process
+// ends however it ends.
+std::FILE* OpenTemporaryFile() {
+#ifdef _WIN32
+  // The C runtime's tmpfile() creates its file in the drive's root, where a
+  // user often may not write; "D" removes the file when it is closed.
+  namespace fs = std::filesystem;
+  std::random_device random;
+  std::error_code error;
+  const fs::path directory = fs::temp_directory_path(error);
+  if (error) return nullptr;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const fs::path path = directory / ("velextracta-" + std::to_string(random()) + ".tmp");
+    // "x": never an existing file; "T": kept in memory where it fits.
+    if (std::FILE* file = _wfopen(path.wstring().c_str(), L"w+bxTD")) return file;
+  }
+  return nullptr;
+#else
+  return std::tmpfile();
+#endif
+}
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+File OpenForReading(const std::string& path) {
+  File file(std::fopen(path.c_str(), "rb"));
+  if (!file) throw Failure("cannot open", path);
+  return file;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- store
+
+DeflateStore::DeflateStore(std::size_t memoryBudget) : budget_(memoryBudget) {}
+
+DeflateStore::~DeflateStore() {
+  if (file_) std::fclose(file_);
+}
+
+DeflateSegment DeflateStore::keep(std::string compressed, uint64_t size, uint32_t crc) {
+  DeflateSegment segment;
+  segment.size = size;
+  segment.crc = crc;
+  segment.compressedSize = compressed.size();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (inMemory_ + compressed.size() <= budget_) {
+    inMemory_ += compressed.size();
+    segment.memory = std::make_shared<const std::string>(std::move(compressed));
+    return segment;
+  }
+  if (!file_ && !(file_ = OpenTemporaryFile()))
+    throw Failure("cannot create a temporary file for compressed views", "");
+  if (Seek(file_, fileSize_) != 0 ||
+      std::fwrite(compressed.data(), 1, compressed.size(), file_) != compressed.size())
+    throw Failure("cannot write compressed views to a temporary file", "");
+  segment.fileOffset = fileSize_;
+  fileSize_ += compressed.size();
+  return segment;
+}
+
+void DeflateStore::read(const DeflateSegment& segment, uint64_t offset, char* out,
+                        std::size_t n) const {
+  if (offset + n > segment.compressedSize) throw std::runtime_error("read past a segment");
+  if (segment.memory) {
+    std::memcpy(out, segment.memory->data() + offset, n);
+    return;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  // Written data may still sit in the stream's buffer; the seek flushes it.
+  if (Seek(file_, segment.fileOffset + offset) != 0 || std::fread(out, 1, n, file_) != n)
+    throw Failure("cannot read compressed views from a temporary file", "");
+}
+
+std::size_t DeflateStore::memoryInUse() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return inMemory_;
+}
+
+uint64_t DeflateStore::bytesInFile() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return fileSize_;
+}
+
+// ---------------------------------------------------------------- deflater
+
+struct SegmentDeflater::State {
+  z_stream stream{};
+  std::string output;
+};
+
+SegmentDeflater::SegmentDeflater() : state_(new State) {
+  if (deflateInit2(&state_->stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
+                   Z_DEFAULT_STRATEGY) != Z_OK)
+    throw std::runtime_error("cannot start a deflate stream");
+}
+
+SegmentDeflater::~SegmentDeflater() { deflateEnd(&state_->stream); }
+
+DeflateSegment SegmentDeflater::deflate(const char* data, std::size_t n,
+                                        std::size_t dictionaryLength, DeflateStore& store) {
+  z_stream& stream = state_->stream;
+  if (deflateReset(&stream) != Z_OK) throw std::runtime_error("cannot reset a deflate stream");
+  const std::size_t dictionary = std::min(dictionaryLength, kWindow);
+  if (dictionary > 0 &&
+      deflateSetDictionary(&stream, reinterpret_cast<const Bytef*>(data - dictionary),
+                           static_cast<uInt>(dictionary)) != Z_OK)
+    throw std::runtime_error("cannot set a deflate dictionary");
+
+  // The bound covers the data; the sync flush adds its empty stored block.
+  std::string& output = state_->output;
+  output.resize(deflateBound(&stream, static_cast<uLong>(n)) + 16);
+  stream.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data));
+  stream.avail_in = static_cast<uInt>(n);
+  std::size_t produced = 0;
+  for (;;) {
+    stream.next_out = reinterpret_cast<Bytef*>(&output[produced]);
+    stream.avail_out = static_cast<uInt>(output.size() - produced);
+    const int result = ::deflate(&stream, Z_SYNC_FLUSH);
+    if (result != Z_OK && result != Z_BUF_ERROR) throw std::runtime_error("deflate failed");
+    produced = output.size() - stream.avail_out;
+    // Done once the flush fitted: input used up and room left over.
+    if (stream.avail_in == 0 && stream.avail_out > 0) break;
+    output.resize(output.size() * 2);
+  }
+  const uint32_t crc = static_cast<uint32_t>(
+      crc32(crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>(data), static_cast<uInt>(n)));
+  return store.keep(output.substr(0, produced), n, crc);
+}
+
+// ---------------------------------------------------------------- entries
+
+DeflatedEntry JoinSegments(std::vector<DeflateSegment> segments) {
+  DeflatedEntry entry;
+  entry.crc = static_cast<uint32_t>(crc32(0, nullptr, 0));
+  for (const DeflateSegment& segment : segments) {
+    // Segments are bounded far below the range of zlib's length type.
+    entry.crc = static_cast<uint32_t>(
+        crc32_combine(entry.crc, segment.crc, static_cast<z_off_t>(segment.size)));
+    entry.size += segment.size;
+    entry.compressedSize += segment.compressedSize;
+  }
+  entry.compressedSize += DeflateFinalBlock().size();
+  entry.segments = std::move(segments);
+  return entry;
+}
+
+const std::string& DeflateFinalBlock() {
+  static const std::string block = [] {
+    z_stream stream{};
+    if (deflateInit2(&stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
+                     Z_DEFAULT_STRATEGY) != Z_OK)
+      throw std::runtime_error("cannot start a deflate stream");
+    unsigned char out[64];
+    stream.next_out = out;
+    stream.avail_out = sizeof out;
+    ::deflate(&stream, Z_FINISH);
+    std::string bytes(reinterpret_cast<char*>(out), sizeof out - stream.avail_out);
+    deflateEnd(&stream);
+    return bytes;
+  }();
+  return block;
+}
+
+// ---------------------------------------------------------------- reading
+
+std::string ReadFileRange(const std::string& path, uint64_t offset, std::size_t length) {
+  const File file = OpenForReading(path);
+  std::string data(length, '\0');
+  if (Seek(file.get(), offset) != 0 || std::fread(&data[0], 1, length, file.get()) != length)
+    throw Failure("cannot read", path);
+  return data;
+}
+
+uint64_t OffsetAfterLines(const std::string& path, int lines) {
+  const File file = OpenForReading(path);
+  char buffer[16 << 10];
+  uint64_t offset = 0;
+  while (lines > 0) {
+    const std::size_t got = std::fread(buffer, 1, sizeof buffer, file.get());
+    if (got == 0) {
+      if (std::ferror(file.get())) throw Failure("cannot read", path);
+      break;
+    }
+    std::size_t pos = 0;
+    while (lines > 0 && pos < got) {
+      const void* end = std::memchr(buffer + pos, '\n', got - pos);
+      if (!end) {
+        pos = got;
+        break;
+      }
+      pos = static_cast<const char*>(end) - buffer + 1;
+      --lines;
+    }
+    offset += pos;
+  }
+  return offset;
+}

@@ -1,0 +1,100 @@
+#pragma once
+// BackgroundPacker: deflates a run's view files on a few worker threads while
+// its other extracta processes still run, so that once the last view exists
+// the archive is written from data compressed already.
+//
+// Every byte is compressed once. A view file is deflated as its two header
+// lines and its body, apart and in joinable segments (a large body in several,
+// so that all workers share it); the file's entry is header + body. The
+// combined connectivity file, which holds the first piece's header and then
+// every piece's body, gets the header it was written with + the pieces'
+// bodies in merge order. Files that were not deflated here (control files,
+// added files, a file that changed or could not be read) are compressed by
+// the zip writer as usual, so the archive reads back the same either way.
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/DeflateSegments.h"
+
+class CZipArchive;
+
+class BackgroundPacker {
+ public:
+  // Compressed data beyond this waits in a temporary file.
+  static constexpr std::size_t kMemoryBudget = 32 << 20;
+  // Uncompressed bytes per segment: the unit of work a thread takes.
+  static constexpr std::size_t kSegmentBytes = 2 << 20;
+
+  explicit BackgroundPacker(unsigned threads = DefaultThreads(),
+                            std::size_t memoryBudget = kMemoryBudget);
+  // Ends the workers (each finishes at most its current segment) and drops
+  // everything compressed; the temporary file goes with it.
+  ~BackgroundPacker();
+  BackgroundPacker(const BackgroundPacker&) = delete;
+  BackgroundPacker& operator=(const BackgroundPacker&) = delete;
+
+  // The hardware threads the extracta processes leave: at least 1, at most 4.
+  static unsigned DefaultThreads();
+
+  // A view file (narrow path) is complete and will not change.
+  void viewFinished(const std::string& path);
+  // `combined` was written as a header of two lines followed by the bodies of
+  // `pieces`, each after its own two header lines, in this order.
+  void combinedFrom(const std::string& combined, const std::vector<std::string>& pieces);
+
+  // Waits until the workers are done. False when an interrupt arrived first.
+  bool finish();
+  // After finish: adds the file at `path` from its compressed data and returns
+  // true, or returns false when there is none for the file as it is now.
+  bool addTo(CZipArchive& archive, const std::string& path, bool fullPath);
+
+  // While it lives, every view file an extracta process of the pool finishes
+  // is handed to the packer (when there is one).
+  class Listening {
+   public:
+    explicit Listening(BackgroundPacker* packer);
+    ~Listening();
+    Listening(const Listening&) = delete;
+    Listening& operator=(const Listening&) = delete;
+  };
+
+ private:
+  struct Job;
+  struct Task {
+    Job* job;
+    std::size_t segment;  // kPlan: read the header and divide the file
+    uint64_t offset;
+    std::size_t length;
+    std::size_t dictionary;  // bytes before `offset` the segment may refer to
+  };
+  static constexpr std::size_t kPlan = SIZE_MAX;
+
+  void work();
+  // Runs the first task; called with the lock held, returns with it held.
+  void runNext(std::unique_lock<std::mutex>& lock, std::unique_ptr<SegmentDeflater>& deflater);
+  void run(const Task& task, SegmentDeflater& deflater);
+  void plan(Job& job);
+  void done(Job& job, bool failed);
+  void buildCombined();
+  static std::string Key(const std::string& path);
+
+  DeflateStore store_;
+  std::mutex mutex_;
+  std::condition_variable wake_;  // a task or the end is there
+  std::condition_variable idle_;  // a task was completed
+  std::deque<Task> tasks_;
+  std::size_t active_ = 0;
+  bool stopping_ = false;
+  std::map<std::string, std::unique_ptr<Job>> jobs_;  // by file name
+  std::string combined_;
+  std::vector<std::string> pieces_;
+  std::vector<std::thread> threads_;
+};
