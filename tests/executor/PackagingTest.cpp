@@ -9,7 +9,6 @@
 #include <zip.h>
 
 #include <functional>
-#include <map>
 #include <random>
 
 #include <gtest/gtest.h>
@@ -18,46 +17,17 @@
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
 #include "executor/ExtractaExecutor.h"
-#include "tests/support/TestSupport.h"
+#include "tests/support/RunCheck.h"
 
 namespace {
 
+using veltest::ArchiveNames;
 using veltest::ListDir;
 using veltest::PathExists;
+using veltest::ReadArchive;
 using veltest::ReadFile;
 using veltest::WriteFile;
 using Names = std::vector<std::string>;
-
-// Every entry of an archive, read back through the library: name, data and
-// compression method. Throws when the file is not a consistent archive.
-struct Entry {
-  std::string data;
-  zip_uint16_t method;
-};
-std::map<std::string, Entry> ReadArchive(const std::string& path) {
-  int error = 0;
-  zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
-  if (!archive) throw std::runtime_error("not an archive: " + path);
-  std::map<std::string, Entry> entries;
-  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(zip_get_num_entries(archive, 0)); ++i) {
-    zip_stat_t st;
-    zip_stat_index(archive, i, 0, &st);
-    std::string data(st.size, '\0');
-    zip_file_t* file = zip_fopen_index(archive, i, 0);
-    if (st.size > 0) zip_fread(file, data.data(), st.size);
-    zip_fclose(file);
-    entries[st.name] = {data, st.comp_method};
-  }
-  zip_close(archive);
-  return entries;
-}
-
-// The entry names of an archive, sorted.
-Names ArchiveNames(const std::string& path) {
-  Names names;
-  for (const auto& entry : ReadArchive(path)) names.push_back(entry.first);
-  return names;
-}
 
 // An executor whose working directory holds what a run leaves behind: view
 // files, the control file, a file with an upper-case extension, one without

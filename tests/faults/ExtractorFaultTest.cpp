@@ -199,17 +199,6 @@ TEST_F(ExtractorFaults, ExtractaWritesATruncatedSurvey) {
 
 using Clock = std::chrono::steady_clock;
 
-// Polls every few milliseconds until the condition holds or the time is up.
-template <typename Condition>
-bool PollFor(double seconds, Condition condition) {
-  const auto deadline = Clock::now() + std::chrono::duration<double>(seconds);
-  while (!condition()) {
-    if (Clock::now() >= deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 // Row: a hung child, and SIGTERM, SIGINT or SIGHUP to the program mid-run
 // Outcome: exit 1, "view creation failed (1).", nothing packed or moved. The
 //   signal ends every running child's process tree at once (all of them gone
@@ -229,10 +218,10 @@ TEST_F(ExtractorFaults, HungChildAndAnInterrupt) {
     if (c.cell) args.insert(args.begin(), "-cell");
     ProgramRun run(args, hung);
     // A child and the grandchild it left are running.
-    ASSERT_TRUE(PollFor(60, [&] { return run.Survivors().size() >= 2; }));
+    ASSERT_TRUE(PollUntil([&] { return run.Survivors().size() >= 2; }, 60));
     ASSERT_EQ(kill(run.pid(), c.signal), 0);
     const auto sent = Clock::now();
-    EXPECT_TRUE(PollFor(1.0, [&] { return run.Survivors().empty(); }))
+    EXPECT_TRUE(PollUntil([&] { return run.Survivors().empty(); }, 1.0))
         << "still running a second after the signal: " << ::testing::PrintToString(run.Survivors());
     ExpectCleanFailure(run, kViewCreationFailed);
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - sent).count(), 5.0);

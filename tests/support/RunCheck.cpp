@@ -2,12 +2,10 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
+#include <zip.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,17 +23,12 @@
 #include "views/ExtractaViewControl.h"
 #include "views/ExtractaViewDef.h"
 
-extern char** environ;
-
 namespace veltest {
 
 namespace fs = boost::filesystem;
 
 namespace {
 
-// The user and group "nobody" on Debian.
-constexpr uid_t kNobody = 65534;
-constexpr gid_t kNoGroup = 65534;
 const char kMarkVariable[] = "VEL_FAULT_RUN";
 const char kDate[] = "Sat Nov 21 10:02:11 2026";
 
@@ -62,30 +55,6 @@ std::vector<std::string> Fields(std::string line) {
   return fields;
 }
 
-// The caller's environment as "NAME=value" texts, with the changes applied and
-// no extracta-sim injection (EXTRACTA_SIM_*) leaking in from the caller.
-std::vector<std::string> Environment(const EnvMap& changes) {
-  EnvMap variables;
-  for (char** entry = environ; *entry; ++entry) {
-    const std::string text = *entry;
-    const std::size_t equals = std::min(text.find('='), text.size());
-    if (text.rfind("EXTRACTA_SIM_", 0) != 0)
-      variables[text.substr(0, equals)] = text.substr(equals);
-  }
-  for (const auto& [name, value] : changes) variables[name] = value ? "=" + *value : value;
-  std::vector<std::string> texts;
-  for (const auto& [name, value] : variables)
-    if (value) texts.push_back(name + *value);
-  return texts;
-}
-
-std::vector<char*> Pointers(const std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 // Processes whose environment holds the mark and that have not ended (a
 // zombie's environment can no longer be read, so it is not found).
 std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& mark) {
@@ -108,18 +77,6 @@ std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& ma
   }
   closedir(proc);
   return found;
-}
-
-// A Python script's output on a zip archive (and further arguments), after
-// expecting it to succeed.
-std::string Zip(const std::string& script, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {
-      "/usr/bin/env", "python3", "-c",
-      "import sys, zipfile\nz = zipfile.ZipFile(sys.argv[1])\n" + script};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const RunResult read = RunProgram(argv);
-  EXPECT_EQ(read.exitCode, 0) << read.err;
-  return read.out;
 }
 
 }  // namespace
@@ -241,10 +198,9 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
   static std::atomic<int> counter{0};
   mark_ = std::to_string(getpid()) + "-" + std::to_string(++counter) + "-" +
           std::to_string(std::random_device()());
-  const bool switchUser = options.unprivileged && geteuid() == 0;
   std::string program = BinPath("VelExtracta");
   std::string extractor = BinPath("extracta-sim");
-  if (switchUser) {
+  if (options.unprivileged && geteuid() == 0) {
     programCopy_.emplace();
     chmod(programCopy_->path().c_str(), 0755);
     for (std::string* copy : {&program, &extractor}) {
@@ -254,40 +210,15 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
       *copy = to;
     }
   }
-  EnvMap changes = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
-                    {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
-                    {"EXTRACTA_SIM_DATE", kDate},
-                    {kMarkVariable, mark_}};
-  for (const auto& [name, value] : options.env) changes[name] = value;
-  const std::vector<std::string> environment = Environment(changes);
+  LaunchOptions launch = options;
+  launch.env = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
+                {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
+                {"EXTRACTA_SIM_DATE", kDate},
+                {kMarkVariable, mark_}};
+  for (const auto& [name, value] : options.env) launch.env[name] = value;
   std::vector<std::string> argv = {program};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> argPointers = Pointers(argv), envPointers = Pointers(environment);
-
-  const std::string out = streams_ / "out", err = streams_ / "err";
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-  pid_ = fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    // Only async-signal-safe calls from here on.
-    setpgid(0, 0);
-    if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
-        dup2(open(out.c_str(), flags, 0600), 1) != 1 ||
-        dup2(open(err.c_str(), flags, 0600), 2) != 2)
-      _exit(126);
-    if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    if (options.fileSizeLimit > 0) {
-      rlimit limit;
-      getrlimit(RLIMIT_FSIZE, &limit);
-      limit.rlim_cur = static_cast<rlim_t>(options.fileSizeLimit);
-      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
-    }
-    if (switchUser && (setgroups(0, nullptr) != 0 || setgid(kNoGroup) != 0 || setuid(kNobody) != 0))
-      _exit(126);
-    execve(argPointers[0], argPointers.data(), envPointers.data());
-    _exit(127);
-  }
-  setpgid(pid_, pid_);
+  pid_ = StartProgram(argv, launch, streams_ / "out", streams_ / "err");
 }
 
 ProgramRun::~ProgramRun() {
@@ -297,23 +228,7 @@ ProgramRun::~ProgramRun() {
 }
 
 const RunResult& ProgramRun::Wait(double timeoutSeconds) {
-  if (result_) return *result_;
-  RunResult result;
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
-  int status = 0;
-  for (pid_t done; (done = waitpid(pid_, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR);) {
-    // Past the time-out the group is killed and the next round reaps it.
-    if (std::chrono::steady_clock::now() >= deadline && !result.timedOut) {
-      result.timedOut = true;
-      kill(-pid_, SIGKILL);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = ReadIfAny(streams_ / "out");
-  result.err = ReadIfAny(streams_ / "err");
-  result_ = result;
+  if (!result_) result_ = WaitProgram(pid_, timeoutSeconds, streams_ / "out", streams_ / "err");
   return *result_;
 }
 
@@ -354,16 +269,33 @@ std::map<std::string, std::string> Snapshot(const std::string& directory) {
   return entries;
 }
 
+std::map<std::string, ArchiveFile> ReadArchive(const std::string& path) {
+  int error = 0;
+  zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
+  std::map<std::string, ArchiveFile> entries;
+  EXPECT_NE(archive, nullptr) << "not an archive: " << path;
+  if (!archive) return entries;
+  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(zip_get_num_entries(archive, 0)); ++i) {
+    zip_stat_t st;
+    zip_stat_index(archive, i, 0, &st);
+    std::string data(st.size, '\0');
+    zip_file_t* file = zip_fopen_index(archive, i, 0);
+    // Reading to the end checks the entry's CRC.
+    char more = 0;
+    EXPECT_TRUE(file &&
+                zip_fread(file, data.data(), st.size) == static_cast<zip_int64_t>(st.size) &&
+                zip_fread(file, &more, 1) == 0)
+        << "damaged entry " << st.name;
+    if (file) zip_fclose(file);
+    entries[st.name] = {data, st.comp_method};
+  }
+  zip_close(archive);
+  return entries;
+}
+
 std::vector<std::string> ArchiveNames(const std::string& archive) {
-  std::istringstream lines(
-      Zip("bad = z.testzip()\n"
-          "if bad: sys.exit('damaged entry ' + bad)\n"
-          "sys.stdout.buffer.write(b''.join(n.encode() + b'\\n' for n in z.namelist()))\n",
-          {archive}));
   std::vector<std::string> names;
-  for (std::string line; std::getline(lines, line);)
-    if (!line.empty()) names.push_back(line);
-  std::sort(names.begin(), names.end());
+  for (const auto& entry : ReadArchive(archive)) names.push_back(entry.first);
   return names;
 }
 
@@ -375,11 +307,11 @@ std::vector<std::string> ArchiveLeaves(const std::string& archive) {
 }
 
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf) {
-  return Zip(
-      "names = [n for n in z.namelist() if n.rsplit('/', 1)[-1] == sys.argv[2]]\n"
-      "if len(names) != 1: sys.exit('%d entries named %s' % (len(names), sys.argv[2]))\n"
-      "sys.stdout.buffer.write(z.read(names[0]))\n",
-      {archive, leaf});
+  std::vector<std::string> found;
+  for (const auto& [name, file] : ReadArchive(archive))
+    if (Leaf(name) == leaf) found.push_back(file.data);
+  EXPECT_EQ(found.size(), 1u) << leaf;
+  return found.empty() ? "" : found[0];
 }
 
 std::string Leaf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }

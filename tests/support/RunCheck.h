@@ -18,8 +18,6 @@
 
 namespace veltest {
 
-using EnvMap = std::map<std::string, std::optional<std::string>>;
-
 // A design from make-design in `directory`; the sample design (seed 5, 300
 // connectivity records) is made once per test program.
 const std::string& SampleDesign();
@@ -55,16 +53,10 @@ struct SimRun {
 std::vector<SimRun> ReadSimLog(const std::string& path);
 int MostAtOnce(const std::vector<SimRun>& runs);
 
-struct LaunchOptions {
-  std::string cwd;  // empty: the test's current directory
-  EnvMap env;       // on top of the defaults of ProgramRun; nullopt unsets
-  // As the user "nobody" when the tests run as root (for whom no directory is
-  // unwritable), from copies of the program and extracta-sim it can reach.
-  bool unprivileged = false;
-  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
-  // stays, so a child may raise its own soft limit again.
-  long long fileSizeLimit = 0;
-};
+// Options of a run: the launcher's, with `env` on top of the defaults of
+// ProgramRun and `unprivileged` running copies of the program and
+// extracta-sim that the user "nobody" can reach.
+using LaunchOptions = RunOptions;
 
 // One run of VelExtracta, started in the background. Unless the options say
 // otherwise extracta-sim is the extractor, no fault is injected, no run log is
@@ -106,9 +98,15 @@ bool IsPointerLine(const std::string& text, const std::string& label);
 std::vector<std::string> WorkingDirs(const std::string& directory);
 std::map<std::string, std::string> Snapshot(const std::string& directory);
 
-// A zip archive's entry names as Python's zipfile reads them after its own
-// integrity test, sorted (empty, with a failed expectation, when damaged);
-// their file name parts, sorted; the bytes of the entry named `leaf`.
+// A zip archive read back through the library, every entry checked: entry
+// name -> bytes and compression method (empty, with a failed expectation,
+// when damaged); the entry names, sorted; their file name parts, sorted; the
+// bytes of the one entry named `leaf`.
+struct ArchiveFile {
+  std::string data;
+  int method = 0;
+};
+std::map<std::string, ArchiveFile> ReadArchive(const std::string& archive);
 std::vector<std::string> ArchiveNames(const std::string& archive);
 std::vector<std::string> ArchiveLeaves(const std::string& archive);
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf);

@@ -2,6 +2,7 @@
 // Helpers shared by the test suites: scratch directories, files, environment
 // overrides, and running a built program with its output captured.
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -53,14 +54,29 @@ struct RunResult {
   bool timedOut = false;
 };
 
+using EnvMap = std::map<std::string, std::optional<std::string>>;
+
 struct RunOptions {
-  std::string cwd;                                        // empty: the current directory
-  std::map<std::string, std::optional<std::string>> env;  // set (value) or unset (nullopt)
+  std::string cwd;  // empty: the current directory
+  EnvMap env;       // set (value) or unset (nullopt); EXTRACTA_SIM_* never leaks in
   double timeoutSeconds = 120;
+  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
+  // stays, so a child may raise its own soft limit again.
+  long long fileSizeLimit = 0;
+  bool unprivileged = false;  // as the user "nobody" (when run as root)
 };
 
-// Runs argv[0] (a path) with the arguments, standard input from /dev/null,
-// and waits for it. A run that exceeds the time-out is killed (process group).
+// The one launcher: starts argv[0] (a path) in a process group of its own,
+// standard input from /dev/null, standard output and error into the files.
+int StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
+                 const std::string& outFile, const std::string& errFile);
+// Waits for a started program, killing its process group after the time-out.
+RunResult WaitProgram(int pid, double timeoutSeconds, const std::string& outFile,
+                      const std::string& errFile);
+// Starts and waits.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+// Polls the condition every few milliseconds for at most `seconds`.
+bool PollUntil(const std::function<bool()>& condition, double seconds);
 
 }  // namespace veltest
