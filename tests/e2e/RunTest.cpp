@@ -1,7 +1,7 @@
-// The built program run as a user runs it: the command line (read off the
-// control file a kept working directory holds and off the delivered files),
-// what a run delivers, and where it works. Failures of the extractor and of
-// delivery are rows of the fault matrix (tests/faults).
+// The built program run as a user runs it: too few arguments or no design,
+// what a run delivers, and where it works. How options are scanned is held
+// to the rules on the command line fuzz target's seeds (tests/replay). Failures of the extractor
+// and of delivery are rows of the fault matrix (tests/faults).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,79 +28,12 @@ LaunchOptions Keeping() {
   return options;
 }
 
-// A run with the working directory kept, on a copy of the sample design in a
-// fresh directory; the kept control file ("" when none).
-struct KeptRun {
-  TempDir dir;
-  RunResult result;
-  std::string control;
-  std::string design() const { return dir / "pkg.mcm"; }
-  explicit KeptRun(std::vector<std::string> args) {
-    WriteFile(design(), ReadFile(SampleDesign()));
-    args.insert(args.end(), {design(), dir / "out.vlx"});
-    ProgramRun run(args, Keeping());
-    result = run.Wait();
-    EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
-    const auto kept = WorkingDirs(dir.path());
-    if (kept.size() == 1) control = ReadFile(dir / kept[0] + "/extracta_control.txt");
-  }
-};
-
 TEST(CommandLineRunTest, TooFewArgumentsEndTheRunSilently) {
   for (const std::vector<std::string>& args :
        {std::vector<std::string>{}, std::vector<std::string>{SampleDesign()}}) {
     ProgramRun run(args);
     ExpectOutcome(run, 1, false, "");
   }
-}
-
-TEST(CommandLineRunTest, OptionsIgnoreCaseRepeatAndCollectNetsInOrder) {
-  KeptRun run({"-Z", "/CeLL", "-q", "-n", "VDD,GND", "/z", "-N", "CLK", "-cell"});
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.err;
-  EXPECT_TRUE(IsPointerLine(run.result.out, "VLX file written: "));
-  EXPECT_EQ(run.result.err.find("view creation failed"), std::string::npos);  // debug traces only
-  // The cell set: one control file, its first block the layer view.
-  EXPECT_EQ(run.control.rfind("LAYER\r\n", 0), 0u);
-  std::vector<std::size_t> positions;
-  for (const char* net : {"VDD", "GND", "CLK"})
-    positions.push_back(run.control.find(std::string("NET_NAME ='") + net + "'"));
-  ASSERT_NE(positions[2], std::string::npos) << run.control;
-  EXPECT_LT(positions[0], positions[1]);
-  EXPECT_LT(positions[1], positions[2]);
-  EXPECT_EQ(ArchiveLeaves(run.dir / "out.vlx"), kCellFiles);
-}
-
-TEST(CommandLineRunTest, AnOptionsValueIsScannedAsAnOptionToo) {
-  // "-z" is the net list and also switches zipping on.
-  KeptRun netsThenZip({"-cell", "-n", "-z"});
-  ASSERT_EQ(netsThenZip.result.exitCode, 0) << netsThenZip.result.err;
-  EXPECT_NE(netsThenZip.control.find("NET_NAME ='-z'"), std::string::npos);
-  EXPECT_EQ(ArchiveLeaves(netsThenZip.dir / "out.vlx"), kCellFiles);
-
-  // In the last scanned place the nets option takes the design file itself.
-  KeptRun designAsNet({"-cell", "-z", "-n"});
-  ASSERT_EQ(designAsNet.result.exitCode, 0) << designAsNet.result.err;
-  EXPECT_NE(designAsNet.control.find("NET_NAME ='" + designAsNet.design() + "'"),
-            std::string::npos);
-
-  // ... and so does the add option: the design is packed with the views.
-  KeptRun designAdded({"-cell", "-z", "-add"});
-  ASSERT_EQ(designAdded.result.exitCode, 0) << designAdded.result.err;
-  std::vector<std::string> expected = kCellFiles;
-  expected.push_back("pkg.mcm");
-  EXPECT_EQ(ArchiveLeaves(designAdded.dir / "out.vlx"), expected);
-}
-
-TEST(CommandLineRunTest, TheProgramsOwnNameIsScannedForOptions) {
-  TempDir dir;
-  ASSERT_EQ(::symlink(BinPath("VelExtracta").c_str(), (dir / "-z").c_str()), 0);
-  RunOptions options;
-  options.cwd = dir.path();
-  options.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = BinPath("extracta-sim");
-  options.env["VELTAR_EXTRACTA_DEBUG"] = std::nullopt;
-  const RunResult run = RunProgram({"-z", "-cell", SampleDesign(), dir / "named.vlx"}, options);
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(ArchiveLeaves(dir / "named.vlx"), kCellFiles);
 }
 
 TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
