@@ -1,6 +1,5 @@
 #include <bitset>
 #include <random>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -89,65 +88,26 @@ std::vector<Colour> Members(const ColourSet& set) {
   return members;
 }
 
-TEST(EnumSetTest, MembersComeInAscendingOrderAndHighMaskBitsAreIgnored) {
+TEST(EnumSetTest, MembersInAscendingOrderAndABadIndexReportedTwice) {
   EXPECT_EQ(Members(ColourSet(0b10110)), (std::vector<Colour>{kGreen, kBlue, kMagenta}));
-  const ColourSet all(~0ull);  // bits 5..63 ignored
-  EXPECT_EQ(all.GetWord(), 0x1Fu);
-  EXPECT_EQ(all.GetCount(), 5u);
-  EXPECT_EQ(ColourSet(0x20).GetCount(), 0u);
-  EXPECT_TRUE(Members(ColourSet()).empty());
-
+  EXPECT_EQ(ColourSet(~0ull).GetWord(), 0x1Fu);  // bits 5..63 ignored
   ColourSet set;
   set.Insert(kCyan);
   set.Insert(kRed);
-  EXPECT_EQ(Members(set), (std::vector<Colour>{kRed, kCyan}));
-  EXPECT_TRUE(set.Contains(kCyan));
-  EXPECT_FALSE(set.Contains(kBlue));
   EXPECT_EQ(set, ColourSet(0b1001));
-
+  EXPECT_TRUE(set.Contains(kCyan) && !set.Contains(kBlue));
   // A full 32-value set counts beyond the first byte.
   EXPECT_EQ((EnumSet<Colour, 32>(0xF0F0F0F1).GetCount()), 17u);
   EXPECT_EQ((EnumSet<Colour, 32>(0x80000001).GetAt(1)), static_cast<Colour>(31));
-}
 
-TEST(EnumSetTest, ValuesOutsideTheSetThrowOutOfRange) {
-  const ColourSet set(0x1F);
-  for (const int bad : {-1, 5, 1000}) {
-    try {
-      set.Contains(static_cast<Colour>(bad));
-      ADD_FAILURE() << bad << " was accepted";
-    } catch (const std::out_of_range& e) {
-      EXPECT_STREQ(e.what(), "invalid bitset<N> position");
-    }
-  }
-  ColourSet empty;
-  EXPECT_THROW(empty.Insert(static_cast<Colour>(5)), std::out_of_range);
-  EXPECT_EQ(empty.GetWord(), 0u);
-}
-
-TEST(EnumSetTest, GetAtWithABadIndexReportsTwiceAndGivesMinusOne) {
-  const ColourSet set(0b00101);
   ScopedAssertCapture capture;
-  EXPECT_EQ(static_cast<int>(set.GetAt(2)), -1);
+  EXPECT_EQ(static_cast<int>(ColourSet(0b00101).GetAt(2)), -1);
   ASSERT_EQ(capture.reports().size(), 2u);
   EXPECT_EQ(capture.reports()[0].source, "tkcore/tkutils/EnumSet_T");
   EXPECT_EQ(capture.reports()[0].line, 656);
   EXPECT_EQ(capture.reports()[0].condition, "n >= 0 && n < GetCount()");
-  EXPECT_EQ(capture.reports()[1].source, "tkcore/tkutils/EnumSet_T");
   EXPECT_EQ(capture.reports()[1].line, 662);
   EXPECT_EQ(capture.reports()[1].condition, "kk != -1");
-
-  // A negative index is also out of the bit helper's range; the set's two
-  // reports still open and close the sequence.
-  capture.Clear();
-  EXPECT_EQ(static_cast<int>(set.GetAt(-1)), -1);
-  ASSERT_GE(capture.reports().size(), 2u);
-  EXPECT_EQ(capture.reports().front().line, 656);
-  EXPECT_EQ(capture.reports().back().line, 662);
-
-  capture.Clear();
-  EXPECT_EQ(set.GetAt(1), kBlue);
-  EXPECT_TRUE(capture.reports().empty());
 }
 
 }  // namespace

@@ -93,7 +93,7 @@ TEST_F(ExecutorTest, WorkingDirIsNamedByLocalSecondsAndTheDebugVariableIsReadAtT
 
 // Two runs on one base in one second compute the same name. The later one
 // fails, and neither it nor its destructor touches the earlier run's files.
-TEST_F(ExecutorTest, AClashingRunNeverRemovesTheDirectoryItDidNotCreate) {
+TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
   // The earlier run's directories for every second this test may take.
   const long now = LocalSecondsNow();
   for (long n = now - 1; n <= now + 30; ++n) {

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -237,6 +238,26 @@ std::vector<std::string> ProgramRun::Survivors() const {
   for (const auto& [pid, command] : MarkedProcesses(mark_))
     if (pid != pid_) survivors.push_back(std::to_string(pid) + " " + command);
   return survivors;
+}
+
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
+                   LaunchOptions options) {
+  static int kept = 0;
+  options.env["VELTAR_EXTRACTA_DEBUG"] = "";
+  options.env["EXTRACTA_SIM_LOG"] = base + "/sim.log";
+  ::unlink((base + "/sim.log").c_str());
+  ProgramRun run(args, options);
+  const RunResult& result = run.Wait();  // debug traces on standard error
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
+  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+  const std::vector<std::string> dirs = WorkingDirs(base);
+  EXPECT_EQ(dirs.size(), 1u);
+  if (dirs.size() != 1) return {"", {}};
+  // Runs within one second share the directory's name.
+  const std::string moved = base + "/kept" + std::to_string(++kept);
+  EXPECT_EQ(std::rename((base + "/" + dirs[0]).c_str(), moved.c_str()), 0);
+  return {moved + "/", ReadSimLog(base + "/sim.log")};
 }
 
 void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::string& err) {

@@ -83,6 +83,18 @@ class ProgramRun {
   std::optional<RunResult> result_;
 };
 
+// One run with its working directory kept (debug on) and the stand-in's run
+// log in `base`/sim.log: checks that it succeeded with the success line alone
+// on standard output and left no process, then moves the one working
+// directory it left in `base` out of the next run's way; its new path (with a
+// "/", "" when the run left none) and the runs the log lists.
+struct KeptRun {
+  std::string workDir;
+  std::vector<SimRun> runs;
+};
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
+                   LaunchOptions options = {});
+
 // Waits for the run and checks its outcome: not timed out, the exit code, on
 // standard output the one success line ("VLX file written: " and a pointer
 // value) or nothing, standard error exactly `err`, and no process of the run
