@@ -26,12 +26,6 @@ int FailSecondSite() {
   return line;
 }
 
-// Restores the global switch whatever a test does with it.
-struct IgnoreAllGuard {
-  bool saved = IgnoreAllAsserts_G;
-  ~IgnoreAllGuard() { IgnoreAllAsserts_G = saved; }
-};
-
 TEST(AssertTest, ReportCarriesSourceLineAndConditionText) {
   ScopedAssertCapture capture;
   FailFirstSite(5);  // holds: no report
@@ -46,29 +40,6 @@ TEST(AssertTest, ReportCarriesSourceLineAndConditionText) {
   EXPECT_EQ(capture.reports()[1].condition, "!\"view creation failed\"");
   EXPECT_TRUE(capture.Saw("ExtractaExecutor", "!\"view creation failed\""));
   EXPECT_FALSE(capture.Saw("VelExtracta", "argc >= 3"));
-}
-
-TEST(AssertTest, IgnoringASiteOrAllSitesRoutesReportsToTheLog) {
-  IgnoreAllGuard guard;
-  std::vector<AssertReport> seen;
-  // A handler that asks to ignore the site from now on, as a user would.
-  const AssertSink previous = SetAssertSink_G([&](const AssertReport& report, bool* ignoreSite) {
-    seen.push_back(report);
-    if (ignoreSite && report.condition == "argc >= 3") *ignoreSite = true;
-  });
-  FailFirstSite(0);
-  FailFirstSite(0);  // the site is ignored now: only logged
-  FailSecondSite();  // another site keeps its own flag
-  IgnoreAllAsserts_G = true;
-  FailSecondSite();
-  IgnoreAllAsserts_G = false;
-  FailSecondSite();
-  SetAssertSink_G(previous);
-
-  ASSERT_EQ(seen.size(), 5u);
-  const bool expectedProcessed[] = {true, false, true, false, true};
-  for (std::size_t i = 0; i < seen.size(); ++i)
-    EXPECT_EQ(seen[i].processed, expectedProcessed[i]) << "report " << i;
 }
 
 // Assertion reports and trace lines go to standard error only while the debug

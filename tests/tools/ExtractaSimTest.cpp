@@ -149,24 +149,6 @@ TEST_F(ExtractaSim, FailsLikeTheRealTool) {
     // design is read while extracting).
     EXPECT_TRUE(!c.design.empty() || !veltest::PathExists(dir_ + "/out0.txt")) << c.message;
   }
-
-  // A missing design, an output in a missing directory, and arguments
-  // without an option letter (they are not optional); paths without quotes
-  // are taken.
-  WriteFile(design, hand);
-  const std::string sim = veltest::BinPath("extracta-sim");
-  for (const auto& [argv, message] :
-       {std::pair{List{sim, "-k", "-c", "-m", dir_ + "/missing.mcm", control, dir_ + "/o"},
-                  "missing.mcm"},
-        {List{sim, "-k", "-c", "-m", design, control, dir_ + "/no such dir/o.txt"},
-         "no such dir/o.txt"},
-        {List{sim, "-k", "-c", design, control, dir_ + "/o"}, "missing -m"},
-        {List{sim, "-k", "-m", design, control, dir_ + "/plain.txt"}, ""}}) {
-    const auto result = veltest::RunProgram(argv);
-    EXPECT_EQ(result.exitCode, *message ? 1 : 0) << result.out;
-    EXPECT_NE(result.out.find(message), std::string::npos) << result.out;
-  }
-  EXPECT_EQ(ReadFile(dir_ + "/plain.txt").substr(0, 13), "A!NET_NAME!\r\n");
 }
 
 }  // namespace
