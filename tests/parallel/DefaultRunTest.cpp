@@ -245,17 +245,13 @@ TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndToleratesAShortFirstPi
   EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
             ExtractaViewGenerator::DefaultConcurrencyLimit());
 
-  std::vector<std::string> paths;
-  std::vector<ViewType> types;
-  for (const ActiveView& view : views_) {
-    paths.push_back(VEL_ANSI(view.path));
-    types.push_back(view.viewType);
-  }
-  std::vector<std::string> expectedPaths = {workDir_ + "conn.txt"};
-  for (const char* view : kOtherViews) expectedPaths.push_back(workDir_ + view + ".txt");
-  EXPECT_EQ(paths, expectedPaths);
-  EXPECT_EQ(types, (std::vector<ViewType>{kConn, kLayer, kPadDef, kFullGeo, kDieStack, kNet,
-                                          kComponent, kOutline, kCompositePad, kLogicalPin}));
+  // conn first, then the others in the set's order.
+  std::vector<ActiveView> expected = {{kConn, AString(workDir_ + "conn.txt")}};
+  int other = 0;
+  for (const ViewType type : {kLayer, kPadDef, kFullGeo, kDieStack, kNet, kComponent, kOutline,
+                              kCompositePad, kLogicalPin})
+    expected.push_back({type, AString(workDir_ + kOtherViews[other++] + ".txt")});
+  EXPECT_EQ(views_, expected);
 
   const std::string cut = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
   ASSERT_EQ(cut.find('\n'), std::string::npos);
