@@ -1,6 +1,6 @@
-// ExtractaExecutor: the working directory's name, place and removal, and the
-// one-process run with its failures. The local clock's time zone and two real
-// runs clashing are shown end to end (tests/e2e/WorkingDirRunTest.cpp).
+// ExtractaExecutor: the working directory's replacement and removal, and a
+// clash with another run's. The one-process run and its failures are shown
+// end to end (tests/e2e, tests/faults).
 
 #include "executor/ExtractaExecutor.h"
 
@@ -29,23 +29,6 @@ long LocalSecondsNow() {
   tm local;
   localtime_r(&now, &local);
   return static_cast<long>(now) + local.tm_gmtoff;
-}
-
-// A stand-in for extracta: records its directory and arguments in `log`,
-// writes a small view file for every output argument (those after the
-// switches, the design file and the control file) unless told not to, and
-// exits with `exitCode` after printing `message`.
-std::string WriteFakeExtracta(const TempDir& dir, const std::string& log, int exitCode = 0,
-                              const std::string& message = "", bool writesViews = true) {
-  const std::string path =
-      dir / ("extracta-" + std::to_string(exitCode) + (writesViews ? "" : "-n"));
-  WriteFile(path,
-            "#!/bin/sh\n{ pwd; for a in \"$@\"; do echo \"$a\"; done; } > '" + log +
-                "'\nshift 5\n" +
-                (writesViews ? "for f in \"$@\"; do printf 'A!X!\\r\\n' > \"$f\"; done\n" : "") +
-                "printf '%s' '" + message + "'\nexit " + std::to_string(exitCode) + "\n");
-  ::chmod(path.c_str(), 0755);
-  return path;
 }
 
 // Every test starts without the debug variable: the executor removes its
@@ -111,80 +94,6 @@ TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
   EXPECT_EQ(ListDir(base.path()), earlier);
   for (const auto& name : earlier)
     EXPECT_EQ(ReadFile(base / name + "/layer.txt"), "S!earlier!\r\n");
-}
-
-TEST_F(ExecutorTest, TheCellSetRunsOneExtractaOnOneControlFile) {
-  TempDir tools;
-  const std::string log = tools / "log";
-  ScopedEnv extracta("VELTAR_EXTRACTA_PATHOVERRIDE", WriteFakeExtracta(tools, log));
-  WriteFile(base / "design.mcm", "J!\r\n");
-
-  ExtractaExecutor executor;
-  std::vector<ActiveView> views = {{kNet, AString("earlier")}};
-  ASSERT_TRUE(executor.createExtractaViews(AString(base / "design.mcm"), AString(base.path()),
-                                           kCellViews, {AString("VDD")}, views))
-      << VEL_ANSI(executor.getErrorMessage());
-  const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
-
-  EXPECT_NE(ReadFile(work + "extracta_control.txt").find("NET_NAME ='VDD'"), std::string::npos);
-
-  // The child ran in the working directory, with the output files in block order.
-  EXPECT_EQ(ReadFile(log), work.substr(0, work.size() - 1) + "\n-k\n-c\n-m\n" + base.path() +
-                               "/design.mcm\n" + work + "extracta_control.txt\n" + work +
-                               "layer.txt\n" + work + "cfullgeo.txt\n" + work + "cconn.txt\n" +
-                               work + "diestack.txt\n");
-
-  // The new views go in front of what the list held.
-  ASSERT_EQ(views.size(), 5u);
-  EXPECT_EQ(views[0], (ActiveView{kLayer, AString(work + "layer.txt")}));
-  EXPECT_EQ(views[3], (ActiveView{kDieStack, AString(work + "diestack.txt")}));
-  EXPECT_EQ(views[4], (ActiveView{kNet, AString("earlier")}));
-}
-
-TEST_F(ExecutorTest, FailuresAreReportedAndLeaveNothingBehind) {
-  TempDir tools;
-  WriteFile(base / "design.mcm", "J!\r\n");
-  const std::string failing = WriteFakeExtracta(tools, tools / "log", 3, "ERROR: bad view");
-  const std::string prefix = "extracta run failed: ";
-  const std::string noBase = "!\"VelLinkServer::createWorkingDir, can't find workingdirpath\"";
-  struct Case {
-    std::string extracta, base, message, assertion;  // "@": the working directory
-  } cases[] = {
-      {failing, base.path(),
-       prefix + failing + " exited with non-zero exit code 3: ERROR: bad view", ""},
-      {tools / "missing", base.path(),
-       prefix + "CreateProcess failed with error 2: Could not find application " +
-           tools / "missing",
-       ""},
-      // A success without the view files is no success.
-      {WriteFakeExtracta(tools, tools / "log", 0, "", false), base.path(),
-       prefix + "extracta wrote no view file @layer.txt", ""},
-      {failing, base / "missing",
-       "Could not find working directory at \"" + base / "missing" + "\"", noBase},
-      {failing, base / "design.mcm",
-       "Could not find working directory at \"" + base / "design.mcm" + "\"", noBase},
-  };
-  for (const Case& c : cases) {
-    ScopedEnv extracta("VELTAR_EXTRACTA_PATHOVERRIDE", c.extracta);
-    ScopedAssertCapture capture;
-    std::vector<ActiveView> views;
-    {
-      ExtractaExecutor executor;
-      EXPECT_FALSE(executor.createExtractaViews(AString(base / "design.mcm"), AString(c.base),
-                                                kCellViews, {}, views));
-      std::string expected = c.message;
-      if (expected.find('@') != std::string::npos)
-        expected.replace(expected.find('@'), 1, VEL_ANSI(executor.getWorkingDir().FilePath()));
-      EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()), expected);
-      EXPECT_TRUE(views.empty());
-      // Without a base no working directory was made; otherwise it is there
-      // until the executor goes.
-      EXPECT_EQ(LFN_IsExistingDirectory(executor.getWorkingDir()), c.assertion.empty());
-    }
-    EXPECT_EQ(capture.reports().size(), c.assertion.empty() ? 0u : 1u);
-    EXPECT_TRUE(c.assertion.empty() || capture.Saw("ExtractaExecutor", c.assertion));
-    EXPECT_EQ(ListDir(base.path()), std::vector<std::string>{"design.mcm"});
-  }
 }
 
 }  // namespace

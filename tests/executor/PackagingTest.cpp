@@ -109,39 +109,6 @@ TEST_F(PackagingTest, AddedFilesAreCopiedInOrderAndMissingOnesSkipped) {
   EXPECT_TRUE(capture_.reports().empty());
 }
 
-TEST_F(PackagingTest, FailuresAreReportedAndKeepWhatWasThere) {
-  // A failure returns false with exactly these assertion reports, and leaves
-  // the output location as given: no partial archive, nothing replaced.
-  const auto fails = [&](const char* what, bool packed, const Names& asserts, const Names& out) {
-    SCOPED_TRACE(what);
-    EXPECT_FALSE(packed);
-    EXPECT_EQ(capture_.reports().size(), asserts.size());
-    for (const std::string& assertion : asserts)
-      EXPECT_TRUE(capture_.Saw("ExtractaExecutor", assertion)) << assertion;
-    capture_.Clear();
-    EXPECT_EQ(ListDir(out_.path()), out);
-    EXPECT_TRUE(PathExists(work_ + "layer.txt") && PathExists(work_ + "notes.TXT"));
-  };
-  const std::string zipFailed =
-      "!\"ExtractaExecutor::zipActiveViews, error with boost::filesystem\"";
-  const std::string moveFailed =
-      "!\"ExtractaExecutor::moveActiveViews, error with boost::filesystem\"";
-  fails("zip onto a directory", executor_.zipActiveViews(AString(out_.path()), AString(".txt")),
-        {"!fs::is_directory(outpath)", "!\"open archive failed\""}, {});
-  ::symlink((work_ + "missing").c_str(), (work_ + "broken.txt").c_str());
-  fails("a view that cannot be read abandons the archive",
-        executor_.zipActiveViews(AString(out_ / "design.vlx"), AString(".txt")), {zipFailed}, {});
-  fails("move into a missing directory",
-        executor_.moveActiveViews(AString(out_ / "missing"), AString(".txt")),
-        {"fs::is_directory(outpath)", moveFailed}, {});
-  ::mkdir((out_ / "notes.TXT").c_str(), 0777);
-  WriteFile(out_ / "notes.TXT/keep", "");
-  fails("move onto a directory in the way",
-        executor_.moveActiveViews(AString(out_.path()), AString(".TXT")), {moveFailed},
-        {"notes.TXT"});
-  EXPECT_TRUE(PathExists(out_ / "notes.TXT/keep"));
-}
-
 TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLevel) {
   veltest::TempDir dir;
   ::mkdir((dir / "run").c_str(), 0777);

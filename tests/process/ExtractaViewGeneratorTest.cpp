@@ -164,9 +164,6 @@ TEST_F(GeneratorTest, FailingChildrenReportEverythingTheyPrinted) {
       {"exit=3", nullptr, prefix + "3"},
       // A crash reads as 128 + the signal.
       {"sleep=60000", [](int pid) { kill(pid, SIGKILL); }, prefix + "137"},
-      {"", [](int pid) { waitpid(pid, nullptr, 0); },
-       "ExtractaViewGenerator ProcessRunning check failed, VeltGetProcessExitCode returned zero "
-       "for extracta process"},
   };
   for (const Case& c : cases) {
     ChildDoes(c.actions);
