@@ -34,21 +34,6 @@ TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
   }
 }
 
-TEST(LongFileNameTest, CreateDirectoryMakesExactlyOneNewDirectory) {
-  TempDir temp;
-  const LongFileName fresh = Dir(temp / "extract1");
-  EXPECT_FALSE(LFN_IsExistingDirectory(fresh));
-  ASSERT_TRUE(LFN_CreateDirectory(fresh));
-  EXPECT_TRUE(LFN_IsExistingDirectory(fresh));
-  EXPECT_TRUE(fresh.IsDirectory());
-
-  // Two runs computing the same name must not share it: the second fails;
-  // no parents are made.
-  EXPECT_FALSE(LFN_CreateDirectory(fresh));
-  EXPECT_FALSE(LFN_CreateDirectory(Dir(temp / "missing/child")));
-  EXPECT_FALSE(PathExists(temp / "missing"));
-}
-
 TEST(LongFileNameTest, DeleteRemovesATreeButNotWhatItsLinksPointTo) {
   TempDir temp;
   const std::string outside = temp / "outside";

