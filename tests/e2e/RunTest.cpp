@@ -19,9 +19,6 @@ namespace {
 
 using namespace veltest;
 
-const std::vector<std::string> kCellFiles = {"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                             "extracta_control.txt", "layer.txt"};
-
 LaunchOptions Keeping() {
   LaunchOptions options;
   options.env["VELTAR_EXTRACTA_DEBUG"] = "";

@@ -71,8 +71,7 @@ TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   ASSERT_EQ(mkdir(views.c_str(), 0777), 0);
   ProgramRun move({"-cell", odd + "/" + designName, views});
   ExpectCleanSuccess(move);
-  EXPECT_EQ(ListDir(views), (std::vector<std::string>{"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                                      "extracta_control.txt", "layer.txt"}));
+  EXPECT_EQ(ListDir(views), kCellFiles);
   EXPECT_EQ(ReadFile(views + "/layer.txt").rfind("A!", 0), 0u);
 }
 

@@ -33,15 +33,12 @@ using namespace veltest;
 // The error the stand-in for copy_file_range below fails with; 0: none.
 std::atomic<int> gKernelCopyError{0};
 
-const char* const kOtherViews[] = {"layer",     "paddef",  "fullgeo",      "diestack",  "net",
-                                   "component", "outline", "compositepad", "logicalpin"};
-
 // The control file names the default run must start, in start order, for the
 // split nets' sanitised names.
 std::vector<std::string> ExpectedControlFiles(const std::vector<std::string>& splitNets) {
   std::vector<std::string> names;
-  for (const char* view : kOtherViews)
-    names.push_back(std::string("extracta_control_") + view + ".txt");
+  for (const std::string& view : kOtherStandardViews)
+    names.push_back("extracta_control_" + view + ".txt");
   names.push_back("extracta_control_connnets.txt");
   for (std::size_t i = 0; i < splitNets.size(); ++i) {
     for (const char* group : {"CONDUCTOR_ETCH", "PIN", "VIA_CLASS"})
@@ -250,7 +247,7 @@ TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndToleratesAShortFirstPi
   int other = 0;
   for (const ViewType type : {kLayer, kPadDef, kFullGeo, kDieStack, kNet, kComponent, kOutline,
                               kCompositePad, kLogicalPin})
-    expected.push_back({type, AString(workDir_ + kOtherViews[other++] + ".txt")});
+    expected.push_back({type, AString(workDir_ + kOtherStandardViews[other++] + ".txt")});
   EXPECT_EQ(views_, expected);
 
   const std::string cut = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");

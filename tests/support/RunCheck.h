@@ -18,6 +18,14 @@
 
 namespace veltest {
 
+// The views of the default set other than conn, in the set's order, and the
+// files a cell run delivers (its views and its control file), sorted.
+inline const std::vector<std::string> kOtherStandardViews = {
+    "layer",     "paddef",  "fullgeo",      "diestack",  "net",
+    "component", "outline", "compositepad", "logicalpin"};
+inline const std::vector<std::string> kCellFiles = {"cconn.txt", "cfullgeo.txt", "diestack.txt",
+                                                    "extracta_control.txt", "layer.txt"};
+
 // A design from make-design in `directory`; the sample design (seed 5, 300
 // connectivity records) is made once per test program.
 const std::string& SampleDesign();
