@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include "core/BitUtilities.h"
-#include "core/EnumSet.h"
 #include "core/VelAssert.h"
 
 namespace {
@@ -74,37 +73,6 @@ TEST(BitUtilitiesTest, BadOperandsAreReportedAndTheMaskedValueIsUsed) {
     EXPECT_EQ(capture.reports()[i].line, cases[i].line) << i;
     EXPECT_EQ(capture.reports()[i].condition, cases[i].condition) << i;
   }
-}
-
-enum Colour : int32_t { kRed, kGreen, kBlue, kCyan, kMagenta };
-using ColourSet = EnumSet<Colour, 5>;
-
-std::vector<Colour> Members(const ColourSet& set) {
-  std::vector<Colour> members;
-  for (int n = 0; n < static_cast<int>(set.GetCount()); ++n) members.push_back(set.GetAt(n));
-  return members;
-}
-
-TEST(EnumSetTest, MembersInAscendingOrderAndABadIndexReportedTwice) {
-  EXPECT_EQ(Members(ColourSet(0b10110)), (std::vector<Colour>{kGreen, kBlue, kMagenta}));
-  EXPECT_EQ(ColourSet(~0ull).GetWord(), 0x1Fu);  // bits 5..63 ignored
-  ColourSet set;
-  set.Insert(kCyan);
-  set.Insert(kRed);
-  EXPECT_EQ(set, ColourSet(0b1001));
-  EXPECT_TRUE(set.Contains(kCyan) && !set.Contains(kBlue));
-  // A full 32-value set counts beyond the first byte.
-  EXPECT_EQ((EnumSet<Colour, 32>(0xF0F0F0F1).GetCount()), 17u);
-  EXPECT_EQ((EnumSet<Colour, 32>(0x80000001).GetAt(1)), static_cast<Colour>(31));
-
-  ScopedAssertCapture capture;
-  EXPECT_EQ(static_cast<int>(ColourSet(0b00101).GetAt(2)), -1);
-  ASSERT_EQ(capture.reports().size(), 2u);
-  EXPECT_EQ(capture.reports()[0].source, "tkcore/tkutils/EnumSet_T");
-  EXPECT_EQ(capture.reports()[0].line, 656);
-  EXPECT_EQ(capture.reports()[0].condition, "n >= 0 && n < GetCount()");
-  EXPECT_EQ(capture.reports()[1].line, 662);
-  EXPECT_EQ(capture.reports()[1].condition, "kk != -1");
 }
 
 }  // namespace
