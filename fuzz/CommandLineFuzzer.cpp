@@ -30,20 +30,11 @@ namespace {
 // More arguments only make each run slower without reaching new code.
 constexpr std::size_t kMaxArguments = 256;
 
-bool SameIgnoringAsciiCase(const std::string& argument, const char* option) {
-  const std::size_t length = std::strlen(option);
-  if (argument.size() != length) return false;
-  for (std::size_t i = 0; i < length; ++i) {
-    char c = argument[i];
+// Whole-argument matches of "/name" or "-name", ignoring ASCII case only.
+bool IsOption(std::string argument, const char* name) {
+  for (char& c : argument)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    if (c != option[i]) return false;
-  }
-  return true;
-}
-
-bool IsOption(const std::string& argument, const char* name) {
-  return SameIgnoringAsciiCase(argument, (std::string("/") + name).c_str()) ||
-         SameIgnoringAsciiCase(argument, (std::string("-") + name).c_str());
+  return argument == std::string("/") + name || argument == std::string("-") + name;
 }
 
 void AppendPieces(const std::string& value, std::vector<std::string>& list) {

@@ -13,62 +13,11 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 
-// Two distinct assertion sites, each with its own ignore flag. Each returns
-// the line it stands on.
-int FailFirstSite(int argc) {
-  const int line = __LINE__ + 1;
-  VEL_ASSERT(argc >= 3);
-  return line;
-}
-int FailSecondSite() {
+// An assertion that fails; returns the line it stands on.
+int FailingSite() {
   const int line = __LINE__ + 1;
   VEL_ASSERT(!"view creation failed");
   return line;
-}
-
-// Restores the global switch whatever a test does with it.
-struct IgnoreAllGuard {
-  bool saved = IgnoreAllAsserts_G;
-  ~IgnoreAllGuard() { IgnoreAllAsserts_G = saved; }
-};
-
-TEST(AssertTest, ReportCarriesSourceLineAndConditionText) {
-  ScopedAssertCapture capture;
-  FailFirstSite(5);  // holds: no report
-  EXPECT_TRUE(capture.reports().empty());
-  const int line = FailFirstSite(1);
-  FailSecondSite();
-  ASSERT_EQ(capture.reports().size(), 2u);
-  EXPECT_EQ(capture.reports()[0].source, "ExtractaExecutor");
-  EXPECT_EQ(capture.reports()[0].line, line);
-  EXPECT_EQ(capture.reports()[0].condition, "argc >= 3");
-  EXPECT_TRUE(capture.reports()[0].processed);
-  EXPECT_EQ(capture.reports()[1].condition, "!\"view creation failed\"");
-  EXPECT_TRUE(capture.Saw("ExtractaExecutor", "!\"view creation failed\""));
-  EXPECT_FALSE(capture.Saw("VelExtracta", "argc >= 3"));
-}
-
-TEST(AssertTest, IgnoringASiteOrAllSitesRoutesReportsToTheLog) {
-  IgnoreAllGuard guard;
-  std::vector<AssertReport> seen;
-  // A handler that asks to ignore the site from now on, as a user would.
-  const AssertSink previous = SetAssertSink_G([&](const AssertReport& report, bool* ignoreSite) {
-    seen.push_back(report);
-    if (ignoreSite && report.condition == "argc >= 3") *ignoreSite = true;
-  });
-  FailFirstSite(0);
-  FailFirstSite(0);  // the site is ignored now: only logged
-  FailSecondSite();  // another site keeps its own flag
-  IgnoreAllAsserts_G = true;
-  FailSecondSite();
-  IgnoreAllAsserts_G = false;
-  FailSecondSite();
-  SetAssertSink_G(previous);
-
-  ASSERT_EQ(seen.size(), 5u);
-  const bool expectedProcessed[] = {true, false, true, false, true};
-  for (std::size_t i = 0; i < seen.size(); ++i)
-    EXPECT_EQ(seen[i].processed, expectedProcessed[i]) << "report " << i;
 }
 
 // Assertion reports and trace lines go to standard error only while the debug
@@ -84,7 +33,7 @@ TEST(AssertAndTraceTest, StandardErrorOnlyWhileDebugIsDefined) {
         [&](int level, const std::wstring& line) { lines.emplace_back(level, line); });
     CaptureStdout();
     CaptureStderr();
-    const int line = FailSecondSite();
+    const int line = FailingSite();
     VelDebug(1, L"*StartChildProcess: %s \n", L"extracta \u00FC");
     VelDebug(2, L"count %d", 3);  // a line end is added
     const std::string err = GetCapturedStderr();

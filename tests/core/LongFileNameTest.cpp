@@ -53,31 +53,6 @@ TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
   }
 }
 
-TEST(LongFileNameTest, CreateDirectoryMakesExactlyOneNewDirectory) {
-  TempDir temp;
-  const LongFileName fresh = Dir(temp / "extract1");
-  EXPECT_FALSE(LFN_IsExistingDirectory(fresh));
-  ASSERT_TRUE(LFN_CreateDirectory(fresh));
-  EXPECT_TRUE(LFN_IsExistingDirectory(fresh));
-  EXPECT_TRUE(fresh.IsDirectory());
-
-  // Two runs computing the same name must not share it: the second fails.
-  EXPECT_FALSE(LFN_CreateDirectory(fresh));
-  // No parents are made.
-  EXPECT_FALSE(LFN_CreateDirectory(Dir(temp / "missing/child")));
-  EXPECT_FALSE(PathExists(temp / "missing"));
-  EXPECT_FALSE(LFN_CreateDirectory(LongFileName()));
-
-  // A file is not a directory.
-  veltest::WriteFile(temp / "file.txt", "x");
-  EXPECT_FALSE(LFN_IsExistingDirectory(LongFileName(AString(temp / "file.txt"))));
-
-  // Non-ASCII names reach the file system as their UTF-8 bytes.
-  const LongFileName wide = Dir(temp / "ausz\xC3\xBCge");
-  ASSERT_TRUE(LFN_CreateDirectory(wide));
-  EXPECT_TRUE(PathExists(temp / "ausz\xC3\xBCge"));
-}
-
 TEST(LongFileNameTest, DeleteRemovesATreeButNotWhatItsLinksPointTo) {
   TempDir temp;
   const std::string outside = temp / "outside";
@@ -102,11 +77,6 @@ TEST(LongFileNameTest, DeleteRemovesATreeButNotWhatItsLinksPointTo) {
   EXPECT_TRUE(LFN_Delete(Dir(link)));
   EXPECT_FALSE(PathExists(link));
   EXPECT_TRUE(PathExists(outside + "/keep.txt"));
-
-  // A single file.
-  EXPECT_TRUE(LFN_Delete(LongFileName(AString(outside + "/keep.txt"))));
-  EXPECT_FALSE(PathExists(outside + "/keep.txt"));
-  EXPECT_FALSE(LFN_Delete(LongFileName()));
 }
 
 }  // namespace

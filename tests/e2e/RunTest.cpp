@@ -1,7 +1,7 @@
-// The built program run as a user runs it: the command line (read off the
-// control file a kept working directory holds and off the delivered files),
-// what a run delivers, and where it works. Failures of the extractor and of
-// delivery are rows of the fault matrix (tests/faults).
+// The built program run as a user runs it: too few arguments or no design,
+// what a run delivers, and where it works. How options are scanned is held
+// to the rules on the command line fuzz target's seeds (tests/replay). Failures of the extractor
+// and of delivery are rows of the fault matrix (tests/faults).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -20,32 +20,11 @@ namespace {
 
 using namespace veltest;
 
-const std::vector<std::string> kCellFiles = {"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                             "extracta_control.txt", "layer.txt"};
-
 LaunchOptions Keeping() {
   LaunchOptions options;
   options.env["VELTAR_EXTRACTA_DEBUG"] = "";
   return options;
 }
-
-// A run with the working directory kept, on a copy of the sample design in a
-// fresh directory; the kept control file ("" when none).
-struct KeptRun {
-  TempDir dir;
-  RunResult result;
-  std::string control;
-  std::string design() const { return dir / "pkg.mcm"; }
-  explicit KeptRun(std::vector<std::string> args) {
-    WriteFile(design(), ReadFile(SampleDesign()));
-    args.insert(args.end(), {design(), dir / "out.vlx"});
-    ProgramRun run(args, Keeping());
-    result = run.Wait();
-    EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
-    const auto kept = WorkingDirs(dir.path());
-    if (kept.size() == 1) control = ReadFile(dir / kept[0] + "/extracta_control.txt");
-  }
-};
 
 TEST(CommandLineRunTest, TooFewArgumentsEndTheRunSilently) {
   for (const std::vector<std::string>& args :
@@ -53,55 +32,6 @@ TEST(CommandLineRunTest, TooFewArgumentsEndTheRunSilently) {
     ProgramRun run(args);
     ExpectOutcome(run, 1, false, "");
   }
-}
-
-TEST(CommandLineRunTest, OptionsIgnoreCaseRepeatAndCollectNetsInOrder) {
-  KeptRun run({"-Z", "/CeLL", "-q", "-n", "VDD,GND", "/z", "-N", "CLK", "-cell"});
-  ASSERT_EQ(run.result.exitCode, 0) << run.result.err;
-  EXPECT_TRUE(IsPointerLine(run.result.out, "VLX file written: "));
-  EXPECT_EQ(run.result.err.find("view creation failed"), std::string::npos);  // debug traces only
-  // The cell set: one control file, its first block the layer view.
-  EXPECT_EQ(run.control.rfind("LAYER\r\n", 0), 0u);
-  std::vector<std::size_t> positions;
-  for (const char* net : {"VDD", "GND", "CLK"})
-    positions.push_back(run.control.find(std::string("NET_NAME ='") + net + "'"));
-  ASSERT_NE(positions[2], std::string::npos) << run.control;
-  EXPECT_LT(positions[0], positions[1]);
-  EXPECT_LT(positions[1], positions[2]);
-  EXPECT_EQ(ArchiveLeaves(run.dir / "out.vlx"), kCellFiles);
-}
-
-TEST(CommandLineRunTest, AnOptionsValueIsScannedAsAnOptionToo) {
-  // "-z" is the net list and also switches zipping on.
-  KeptRun netsThenZip({"-cell", "-n", "-z"});
-  ASSERT_EQ(netsThenZip.result.exitCode, 0) << netsThenZip.result.err;
-  EXPECT_NE(netsThenZip.control.find("NET_NAME ='-z'"), std::string::npos);
-  EXPECT_EQ(ArchiveLeaves(netsThenZip.dir / "out.vlx"), kCellFiles);
-
-  // In the last scanned place the nets option takes the design file itself.
-  KeptRun designAsNet({"-cell", "-z", "-n"});
-  ASSERT_EQ(designAsNet.result.exitCode, 0) << designAsNet.result.err;
-  EXPECT_NE(designAsNet.control.find("NET_NAME ='" + designAsNet.design() + "'"),
-            std::string::npos);
-
-  // ... and so does the add option: the design is packed with the views.
-  KeptRun designAdded({"-cell", "-z", "-add"});
-  ASSERT_EQ(designAdded.result.exitCode, 0) << designAdded.result.err;
-  std::vector<std::string> expected = kCellFiles;
-  expected.push_back("pkg.mcm");
-  EXPECT_EQ(ArchiveLeaves(designAdded.dir / "out.vlx"), expected);
-}
-
-TEST(CommandLineRunTest, TheProgramsOwnNameIsScannedForOptions) {
-  TempDir dir;
-  ASSERT_EQ(::symlink(BinPath("VelExtracta").c_str(), (dir / "-z").c_str()), 0);
-  RunOptions options;
-  options.cwd = dir.path();
-  options.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = BinPath("extracta-sim");
-  options.env["VELTAR_EXTRACTA_DEBUG"] = std::nullopt;
-  const RunResult run = RunProgram({"-z", "-cell", SampleDesign(), dir / "named.vlx"}, options);
-  ASSERT_EQ(run.exitCode, 0) << run.err;
-  EXPECT_EQ(ArchiveLeaves(dir / "named.vlx"), kCellFiles);
 }
 
 TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
@@ -140,13 +70,13 @@ TEST(DeliveryRunTest, ACellRunIsZippedIntoOneReadableArchive) {
   EXPECT_EQ(ArchiveLeaves(out / "pkg.vlx"), kCellFiles);
   const std::string prefix = (dir / "extract").substr(1);
   for (const auto& name : ArchiveNames(out / "pkg.vlx")) {
+    const std::size_t slash = name.find('/', prefix.size());
     EXPECT_EQ(name.rfind(prefix, 0), 0u) << name;
-    const std::string number =
-        name.substr(prefix.size(), name.find('/', prefix.size()) - prefix.size());
-    EXPECT_EQ(name, prefix + number + "/" + Leaf(name));
-    EXPECT_NE(number.find_first_of("0123456789"), std::string::npos);
-    EXPECT_EQ(name.find(".."), std::string::npos);
+    EXPECT_EQ(name.substr(slash + 1), Leaf(name));
+    EXPECT_EQ(name.find_first_not_of("0123456789", prefix.size()), slash) << name;
   }
+  EXPECT_EQ(ArchiveEntry(out / "pkg.vlx", "extracta_control.txt"),
+            ReadFile(std::string(VEL_SOURCE_DIR) + "/tests/views/golden/cell.txt"));
 }
 
 TEST(DeliveryRunTest, EveryReaderReadsADefaultRunsArchiveBackByteForByte) {
@@ -181,50 +111,23 @@ TEST(DeliveryRunTest, EveryReaderReadsADefaultRunsArchiveBackByteForByte) {
   }
 }
 
-TEST(DeliveryRunTest, MovingIntoAnOutputDirectoryReplacesFilesAndSkipsOtherExtensions) {
-  TempDir tools, out, zipped;
-  WriteFile(out / "layer.txt", "an older layer view");
-  WriteFile(out / "keep.dat", "not ours");
-  // An extractor that leaves notes.TXT in the working directory, as a site's
-  // wrapper script might.
-  LaunchOptions options;
-  options.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
-      WrappedExtractor(tools.path(), "extracta-with-notes", "", "echo 'run notes' > notes.TXT");
-  ProgramRun run({"-cell", SampleDesign(), out.path()}, options);
-  ExpectOutcome(run, 0, true, "");
-  std::vector<std::string> expected = kCellFiles;
-  expected.push_back("keep.dat");
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(ListDir(out.path()), expected);  // no notes.TXT, no working directory
-  EXPECT_EQ(ReadFile(out / "layer.txt").rfind("A!", 0), 0u);
-
-  // Zipped, notes.TXT stays out of the archive just the same.
-  ProgramRun zip({"-cell", "-z", SampleDesign(), zipped / "pkg.vlx"}, options);
-  ExpectOutcome(zip, 0, true, "");
-  EXPECT_EQ(ArchiveLeaves(zipped / "pkg.vlx"), kCellFiles);
-
-  // Added files are packed whatever their extension, notes.TXT with them; a
-  // missing added path is skipped silently.
-  WriteFile(tools / "stackup.csv", "layer,thickness\n");
-  WriteFile(tools / "readme", "about this package\n");
-  const std::string adds =
-      tools / "stackup.csv" + "," + tools / "missing.bin" + ",," + tools / "readme";
-  ProgramRun added({"-cell", "-z", "-add", adds, SampleDesign(), zipped / "added.vlx"}, options);
-  ExpectOutcome(added, 0, true, "");
-  expected = kCellFiles;
-  expected.insert(expected.end(), {"notes.TXT", "readme", "stackup.csv"});
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(ArchiveLeaves(zipped / "added.vlx"), expected);
-}
-
+// Debug mode keeps the working directory where the run made it, named by the
+// local clock's seconds.
 TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path not a directory: beside the design, with every file.
   TempDir dir, out, target, here;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, Keeping());
+  LaunchOptions east = Keeping();
+  east.env["TZ"] = "XST-9";  // nine hours east of UTC
+  const long before = static_cast<long>(std::time(nullptr));
+  ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
   ASSERT_EQ(zipped.Wait().exitCode, 0) << zipped.Wait().err;
+  const long after = static_cast<long>(std::time(nullptr));
   const auto kept = WorkingDirs(dir.path());
   ASSERT_EQ(kept.size(), 1u);
+  const long number = std::stol(kept[0].substr(std::string("extract").size()));
+  EXPECT_GE(number, before + 9 * 3600);
+  EXPECT_LE(number, after + 9 * 3600);
   EXPECT_EQ(ListDir(dir / kept[0]), kCellFiles);
   for (const auto& name : ArchiveNames(out / "pkg.vlx"))
     EXPECT_EQ(name, (dir / kept[0]).substr(1) + "/" + Leaf(name));
@@ -232,7 +135,6 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path an existing directory: inside it, emptied by the move.
   ProgramRun moved({"-cell", dir / "pkg.mcm", target.path()}, Keeping());
   ASSERT_EQ(moved.Wait().exitCode, 0) << moved.Wait().err;
-  EXPECT_EQ(WorkingDirs(dir.path()), kept);
   const auto inside = WorkingDirs(target.path());
   ASSERT_EQ(inside.size(), 1u);
   EXPECT_TRUE(ListDir(target / inside[0]).empty());
@@ -245,23 +147,6 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   ProgramRun bare({"-cell", "-z", "bare.mcm", out / "bare.vlx"}, inHere);
   ASSERT_EQ(bare.Wait().exitCode, 0) << bare.Wait().err;
   EXPECT_EQ(WorkingDirs(here.path()).size(), 1u);
-  EXPECT_EQ(ArchiveLeaves(out / "bare.vlx"), kCellFiles);
-}
-
-TEST(WorkingDirRunTest, TheRunNumberFollowsTheLocalClock) {
-  TempDir dir, out;
-  WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  LaunchOptions east = Keeping();
-  east.env["TZ"] = "XST-9";  // nine hours east of UTC
-  const long before = static_cast<long>(std::time(nullptr));
-  ProgramRun run({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
-  ASSERT_EQ(run.Wait().exitCode, 0) << run.Wait().err;
-  const long after = static_cast<long>(std::time(nullptr));
-  const auto kept = WorkingDirs(dir.path());
-  ASSERT_EQ(kept.size(), 1u);
-  const long number = std::stol(kept[0].substr(std::string("extract").size()));
-  EXPECT_GE(number, before + 9 * 3600);
-  EXPECT_LE(number, after + 9 * 3600);
 }
 
 }  // namespace

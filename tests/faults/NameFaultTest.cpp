@@ -1,6 +1,6 @@
 // The fault matrix, awkward names: paths and net names with blanks, quotes,
-// commas, leading dashes and non-ASCII characters, long net lists, and two
-// runs that compute the same working directory.
+// commas, leading dashes and non-ASCII characters. Long net lists and two runs
+// that compute the same working directory are proven by unit tests.
 
 #include <sys/stat.h>
 
@@ -71,8 +71,7 @@ TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   ASSERT_EQ(mkdir(views.c_str(), 0777), 0);
   ProgramRun move({"-cell", odd + "/" + designName, views});
   ExpectCleanSuccess(move);
-  EXPECT_EQ(ListDir(views), (std::vector<std::string>{"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                                      "extracta_control.txt", "layer.txt"}));
+  EXPECT_EQ(ListDir(views), kCellFiles);
   EXPECT_EQ(ReadFile(views + "/layer.txt").rfind("A!", 0), 0u);
 }
 
@@ -92,32 +91,13 @@ class NetNameFaults : public FaultMatrix {
   const std::vector<std::pair<std::string, int>> kNets = {
       {"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}, {"a,b", 2}, {"plain", 1}};
 
-  // Runs with the working directory kept; returns its path with a "/".
   std::string RunKeeping(const std::vector<std::string>& args) {
-    LaunchOptions keep;
-    keep.env["VELTAR_EXTRACTA_DEBUG"] = "";
-    ProgramRun run(args, keep);
-    const RunResult& result = run.Wait();  // debug traces on standard error
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
-    EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
-    const std::vector<std::string> kept = WorkingDirs(dir.path());
-    if (kept.size() != 1) {
-      ADD_FAILURE() << kept.size() << " working directories";
-      return "";
-    }
-    // Runs within one second share the directory's name.
-    const std::string target = moved / std::to_string(++runs);
-    EXPECT_EQ(std::rename((dir / kept[0]).c_str(), target.c_str()), 0) << std::strerror(errno);
-    return target + "/";
+    return veltest::RunKeeping(dir.path(), args).workDir;
   }
 
   std::vector<std::string> NetNames(const std::string& viewFile) {
     return Sorted(FieldValues(ReadFile(viewFile), "NET_NAME"));
   }
-
-  TempDir moved;  // kept working directories, out of the next run's way
-  int runs = 0;
 };
 
 // Row: net names with blanks, quotes, commas and non-ASCII characters
@@ -135,7 +115,7 @@ TEST_F(NetNameFaults, NetNamesWithAwkwardCharacters) {
   ASSERT_FALSE(standard.empty());
   EXPECT_EQ(NetNames(standard + "connnets.txt"), selected);
   EXPECT_EQ(SortedRecords(ReadFile(standard + "conn.txt")),
-            SortedRecords(PlainConnectivity(design(), moved.path())));
+            SortedRecords(PlainConnectivity(design(), dir.path())));
   EXPECT_EQ(NetNames(standard + "conn.txt"), Repeated(kNets));
 
   const std::string cell = RunKeeping({"-cell", "-n", selection, "-z", design(), dir / "c.vlx"});
@@ -147,64 +127,13 @@ TEST_F(NetNameFaults, NetNamesWithAwkwardCharacters) {
 // Outcome: the run succeeds and is not restricted to them at all, as with no
 //   net option: every net's records are surveyed and extracted. Up to 11
 //   nets restrict the run to those nets.
-TEST_F(NetNameFaults, TwelveOrMoreNetsRestrictNothing) {
-  std::string eleven = "VDD CORE";
-  for (int i = 1; i < 11; ++i) eleven += ",absent" + std::to_string(i);
-  const std::string twelve = eleven + ",absent11";
-  const std::string thirteen = twelve + ",absent12";
-
-  const std::string unrestricted = RunKeeping({"-cell", "-z", design(), dir / "all.vlx"});
-  ASSERT_FALSE(unrestricted.empty());
-  const std::vector<std::string> everyNet = NetNames(unrestricted + "cconn.txt");
-  const std::string restricted = RunKeeping({"-cell", "-n", eleven, "-z", design(), dir / "a.vlx"});
-  ASSERT_FALSE(restricted.empty());
-  const std::vector<std::string> selected = NetNames(restricted + "cconn.txt");
-  EXPECT_FALSE(selected.empty());
-  EXPECT_TRUE(std::all_of(selected.begin(), selected.end(),
-                          [](const std::string& net) { return net == "VDD CORE"; }));
-  EXPECT_GT(everyNet.size(), selected.size());
-
-  for (const std::string& many : {twelve, thirteen}) {
-    const std::string cell = RunKeeping({"-cell", "-n", many, "-z", design(), dir / "b.vlx"});
-    ASSERT_FALSE(cell.empty());
-    EXPECT_EQ(NetNames(cell + "cconn.txt"), everyNet);
-    const std::string standard = RunKeeping({"-n", many, "-z", design(), dir / "c.vlx"});
-    ASSERT_FALSE(standard.empty());
-    EXPECT_EQ(NetNames(standard + "connnets.txt"), Repeated(kNets));
-  }
-}
-
+// Proof: tests/views/ExtractaViewDefTest.cpp ExtractaViewDefTest.NetFiltersFollowTheCountOfNets
 // Row: two runs in the same second on the same base
 // Outcome: the later run cannot create the working directory the earlier
 //   one made and fails (exit 1, "view creation failed (1)."), without
 //   removing that directory: the earlier run finishes and delivers all its
 //   views.
-TEST_F(NameFaults, TwoRunsInOneSecondOnOneBase) {
-  // Start just after a second begins, so both runs fall into it. A heavily
-  // loaded machine may still push the second run into the next second; then
-  // nothing clashed, and the attempt is repeated.
-  for (int attempt = 0; attempt < 3; ++attempt) {
-    std::remove((dir / "first.vlx").c_str());
-    std::remove((dir / "second.vlx").c_str());
-    std::this_thread::sleep_until(
-        std::chrono::ceil<std::chrono::seconds>(std::chrono::system_clock::now()) +
-        std::chrono::milliseconds(50));
-    LaunchOptions slow;
-    slow.env["EXTRACTA_SIM_SLEEP_MS"] = "1500";  // still extracting when the second run ends
-    ProgramRun first({"-cell", "-z", design(), dir / "first.vlx"}, slow);
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    ProgramRun second({"-cell", "-z", design(), dir / "second.vlx"});
-    if (second.Wait().exitCode == 0 && first.Wait().exitCode == 0) continue;
-    ExpectOutcome(second, 1, false, kViewCreationFailed);
-    ExpectCleanSuccess(first);
-    EXPECT_EQ(ArchiveLeaves(dir / "first.vlx"),
-              (std::vector<std::string>{"cconn.txt", "cfullgeo.txt", "diestack.txt",
-                                        "extracta_control.txt", "layer.txt"}));
-    EXPECT_FALSE(PathExists(dir / "second.vlx"));
-    return;
-  }
-  FAIL() << "no two runs fell into one second";
-}
+// Proof: tests/executor/ExtractaExecutorTest.cpp ExecutorTest.AClashingRunKeepsTheEarlierDirectory
 
 }  // namespace
 }  // namespace faults

@@ -172,16 +172,6 @@ inline bool InstallProgram(const std::string& target, const std::string& name) {
   return !error;
 }
 
-// Polls the condition every few milliseconds for at most `seconds`.
-inline bool PollUntil(const std::function<bool()>& condition, double seconds) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
-
 #ifndef _WIN32
 // Sends a signal to this process from another thread 100 ms after `ready`
 // holds, as a Ctrl-C or a supervisor's SIGTERM arrives in the middle of a wait;

@@ -1,16 +1,13 @@
 // The process primitives below the generator: how a command line is split,
-// the start options the generator does not use, the activity wait, and the
-// pipe reader. What every extracta child gets is shown through the generator
-// (ExtractaViewGeneratorTest.cpp).
+// the activity wait, and the pipe reader. What every extracta child gets is shown through the
+// generator (ExtractaViewGeneratorTest.cpp).
 
 #ifndef _WIN32
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 #endif
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <string>
 #include <vector>
@@ -31,13 +28,11 @@ using Clock = std::chrono::steady_clock;
 
 // Starts vel-test-child in a group of its own with both its output streams
 // on the pipe, doing `actions`.
-int Start(const std::string& actions, VeltProcessHandle& handle, const CPipe& pipe,
-          const std::string& workingDirectory = "", bool inheritHandles = false,
-          const char* const* environment = nullptr, const char* input = nullptr) {
+int Start(const std::string& actions, VeltProcessHandle& handle, const CPipe& pipe) {
   veltest::ScopedEnv does("VEL_TEST_CHILD", actions);
   const AString argv0(veltest::ChildProgram());
-  return VeltCreateProcess(AString(), &argv0, 1, handle, AString(workingDirectory), environment,
-                           input, pipe.WriteHandle(), 0, inheritHandles, true, true, nullptr);
+  return VeltCreateProcess(AString(), &argv0, 1, handle, AString(), nullptr, nullptr,
+                           pipe.WriteHandle(), 0, false, true, true, nullptr);
 }
 
 // How long the activity wait sleeps, with a bound far beyond any wake-up in
@@ -51,8 +46,7 @@ Clock::duration TimeAsleep(const std::vector<VeltProcessHandle>& children, const
 TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
   EXPECT_THAT(VeltSplitCommandLine(R"(-k -c "a b/c.mcm" "d")"),
               ElementsAre("-k", "-c", "a b/c.mcm", "d"));
-  EXPECT_THAT(VeltSplitCommandLine(" \tone \t two\t "), ElementsAre("one", "two"));
-  EXPECT_THAT(VeltSplitCommandLine(R"(a"b c"d)"), ElementsAre("ab cd"));
+  EXPECT_THAT(VeltSplitCommandLine(" a\"b c\"d\te "), ElementsAre("ab cd", "e"));
   EXPECT_THAT(VeltSplitCommandLine(R"("" x "")"), ElementsAre("", "x", ""));
   EXPECT_THAT(VeltSplitCommandLine(R"(C:\dir\file \\server\share)"),
               ElementsAre(R"(C:\dir\file)", R"(\\server\share)"));
@@ -63,50 +57,6 @@ TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
   // Two quotes inside a quoted part give one quote and the part goes on.
   EXPECT_THAT(VeltSplitCommandLine(R"("ab""c d" e)"), ElementsAre(R"(ab"c d)", "e"));
   EXPECT_THAT(VeltSplitCommandLine(R"("unclosed to the end)"), ElementsAre("unclosed to the end"));
-  EXPECT_TRUE(VeltSplitCommandLine("  \t ").empty());
-}
-
-TEST(ChildProcess, OptionsTheGeneratorLeavesAtTheirDefaults) {
-  veltest::TempDir temp;
-  CPipe pipe;
-  ASSERT_TRUE(pipe.CreatePipe());
-  // A given environment replaces the caller's, a given input file replaces
-  // /dev/null, and asked to, the child keeps the descriptors that lack
-  // close-on-exec (as a careless library might leave one); the pipe's own
-  // ends never reach it.
-  const std::string input = temp / "input", records = temp / "records";
-  veltest::WriteFile(input, "in");
-  const std::string variable = "VEL_TEST_CHILD=record=" + records;
-  const char* const environment[] = {variable.c_str(), nullptr};
-#ifndef _WIN32
-  const int stray = open("/dev/null", O_RDONLY);
-#endif
-  VeltProcessHandle handle = nullptr;
-  ASSERT_EQ(Start("", handle, pipe, temp.path(), true, environment, input.c_str()), 0);
-#ifndef _WIN32
-  close(stray);
-#endif
-  VeltWaitForChildActivity({handle}, {}, 60000);  // until it has ended
-  EXPECT_TRUE(VeltCloseProcessHandle(handle));
-  const std::vector<veltest::ChildRecord> started = veltest::ReadChildRecords(records);
-  ASSERT_EQ(started.size(), 1u);
-#ifdef _WIN32
-  EXPECT_EQ(started[0].stdinTarget, "file");
-#else
-  EXPECT_EQ(started[0].stdinTarget, input);
-  const std::string fds = "," + started[0].fds + ",";
-  EXPECT_NE(fds.find("," + std::to_string(stray) + ","), std::string::npos) << fds;
-  EXPECT_EQ(fds.find("," + std::to_string(pipe.ReadHandle()) + ","), std::string::npos) << fds;
-#endif
-
-  // A missing working directory is not a missing program (that is 2), and
-  // no creation flags exist here.
-  EXPECT_EQ(Start("", handle, pipe, temp / "missing"), kVeltErrorBadDirectory);
-  EXPECT_EQ(handle, nullptr);
-  const AString argv0(veltest::ChildProgram());
-  EXPECT_EQ(VeltCreateProcess(AString(), &argv0, 1, handle, AString(), nullptr, nullptr,
-                              kVeltNullPipeHandle, 1, false, true, true, nullptr),
-            kVeltErrorInvalidArgument);
 }
 
 TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
@@ -168,10 +118,6 @@ TEST(Pipe, DrainTakesEverythingWaitingAndNeverWaits) {
   bytes.replace(14095, 2, "ü");
   bytes[49999] = '\xff';  // not UTF-8 at all
   ASSERT_TRUE(veltest::WriteToPipe(pipe.WriteHandle(), bytes));
-  int count = 0;
-  char unused = 0;
-  EXPECT_EQ(CPipeCommunicator(pipe.ReadHandle()).Read(&unused, 1, count, false, 0, false), 0);
-  EXPECT_EQ(count, 50000) << "the query reports what waits and reads nothing";
   EXPECT_EQ(drainPipe(pipe.ReadHandle(), output), 0);
   EXPECT_EQ(drainPipe(pipe.ReadHandle(), output), 0);
   EXPECT_EQ(VEL_ANSI(output), bytes);

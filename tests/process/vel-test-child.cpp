@@ -2,8 +2,7 @@
 // extracta. It only records its arguments and does what VEL_TEST_CHILD says, a
 // ";"-separated list run in order:
 //   record=FILE  append a start line to FILE now and an end line at its end
-//   say=TEXT, warn=TEXT  print TEXT (no line end added) on standard output, error
-//   print=N      print N bytes of numbered lines on standard output
+//   say=TEXT     print TEXT (no line end added) on standard output
 //   sleep=MS     sleep MS milliseconds
 //   grandchild=FILE  leave a grandchild sleeping ten minutes, its pid in FILE
 //   pidfile=FILE write this process's pid into FILE
@@ -153,14 +152,8 @@ int main(int argc, char** argv) {
     if (key == "record") {
       recordFile = value;
       Append(recordFile, StartRecord(argc, argv));
-    } else if (key == "say" || key == "warn") {
-      WriteAll(key == "say" ? 1 : 2, value);
-    } else if (key == "print") {
-      const std::size_t bytes = std::stoull(value);
-      std::string text;
-      for (long long line = 0; text.size() < bytes; ++line)
-        text += "line " + std::to_string(line) + " of the child's output\n";
-      WriteAll(1, text.substr(0, bytes));
+    } else if (key == "say") {
+      WriteAll(1, value);
     } else if (key == "sleep") {
       std::this_thread::sleep_for(std::chrono::milliseconds(std::atoll(value.c_str())));
     } else if (key == "grandchild") {

@@ -2,19 +2,16 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pty.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
+#include <zip.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -27,17 +24,12 @@
 #include "views/ExtractaViewControl.h"
 #include "views/ExtractaViewDef.h"
 
-extern char** environ;
-
 namespace veltest {
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// The user and group "nobody" on Debian.
-constexpr uid_t kNobody = 65534;
-constexpr gid_t kNoGroup = 65534;
 const char kMarkVariable[] = "VEL_FAULT_RUN";
 const char kDate[] = "Sat Nov 21 10:02:11 2026";
 
@@ -64,30 +56,6 @@ std::vector<std::string> Fields(std::string line) {
   return fields;
 }
 
-// The caller's environment as "NAME=value" texts, with the changes applied and
-// no extracta-sim injection (EXTRACTA_SIM_*) leaking in from the caller.
-std::vector<std::string> Environment(const EnvMap& changes) {
-  EnvMap variables;
-  for (char** entry = environ; *entry; ++entry) {
-    const std::string text = *entry;
-    const std::size_t equals = std::min(text.find('='), text.size());
-    if (text.rfind("EXTRACTA_SIM_", 0) != 0)
-      variables[text.substr(0, equals)] = text.substr(equals);
-  }
-  for (const auto& [name, value] : changes) variables[name] = value ? "=" + *value : value;
-  std::vector<std::string> texts;
-  for (const auto& [name, value] : variables)
-    if (value) texts.push_back(name + *value);
-  return texts;
-}
-
-std::vector<char*> Pointers(const std::vector<std::string>& texts) {
-  std::vector<char*> pointers;
-  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 // Processes whose environment holds the mark and that have not ended (a
 // zombie's environment can no longer be read, so it is not found).
 std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& mark) {
@@ -110,18 +78,6 @@ std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& ma
   }
   closedir(proc);
   return found;
-}
-
-// A Python script's output on a zip archive (and further arguments), after
-// expecting it to succeed.
-std::string Zip(const std::string& script, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {
-      "/usr/bin/env", "python3", "-c",
-      "import sys, zipfile\nz = zipfile.ZipFile(sys.argv[1])\n" + script};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const RunResult read = RunProgram(argv);
-  EXPECT_EQ(read.exitCode, 0) << read.err;
-  return read.out;
 }
 
 }  // namespace
@@ -243,10 +199,9 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
   static std::atomic<int> counter{0};
   mark_ = std::to_string(getpid()) + "-" + std::to_string(++counter) + "-" +
           std::to_string(std::random_device()());
-  const bool switchUser = options.unprivileged && geteuid() == 0;
   std::string program = BinPath("VelExtracta");
   std::string extractor = BinPath("extracta-sim");
-  if (switchUser) {
+  if (options.unprivileged && geteuid() == 0) {
     programCopy_.emplace();
     chmod(programCopy_->path().c_str(), 0755);
     for (std::string* copy : {&program, &extractor}) {
@@ -256,97 +211,53 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
       *copy = to;
     }
   }
-  EnvMap changes = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
-                    {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
-                    {"EXTRACTA_SIM_DATE", kDate},
-                    {kMarkVariable, mark_}};
-  for (const auto& [name, value] : options.env) changes[name] = value;
-  const std::vector<std::string> environment = Environment(changes);
+  LaunchOptions launch = options;
+  launch.env = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
+                {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
+                {"EXTRACTA_SIM_DATE", kDate},
+                {kMarkVariable, mark_}};
+  for (const auto& [name, value] : options.env) launch.env[name] = value;
   std::vector<std::string> argv = {program};
   argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> argPointers = Pointers(argv), envPointers = Pointers(environment);
-
-  const std::string out = streams_ / "out", err = streams_ / "err";
-  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
-  int terminalSide = -1;
-  if (options.terminalColumns > 0) {
-    termios modes{};
-    cfmakeraw(&modes);
-    winsize size{};
-    size.ws_row = 24;
-    size.ws_col = static_cast<unsigned short>(options.terminalColumns);
-    if (openpty(&terminal_, &terminalSide, nullptr, &modes, &size) != 0)
-      throw std::runtime_error("openpty failed");
-    fcntl(terminal_, F_SETFD, FD_CLOEXEC);
-    fcntl(terminal_, F_SETFL, O_NONBLOCK);
-    fcntl(terminalSide, F_SETFD, FD_CLOEXEC);
-  }
-  pid_ = fork();
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-  if (pid_ == 0) {
-    // Only async-signal-safe calls from here on.
-    setpgid(0, 0);
-    if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
-        dup2(options.outputOnTerminal ? terminalSide : open(out.c_str(), flags, 0600), 1) != 1 ||
-        dup2(terminalSide >= 0 ? terminalSide : open(err.c_str(), flags, 0600), 2) != 2)
-      _exit(126);
-    if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    if (options.fileSizeLimit > 0) {
-      rlimit limit;
-      getrlimit(RLIMIT_FSIZE, &limit);
-      limit.rlim_cur = static_cast<rlim_t>(options.fileSizeLimit);
-      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
-    }
-    if (switchUser && (setgroups(0, nullptr) != 0 || setgid(kNoGroup) != 0 || setuid(kNobody) != 0))
-      _exit(126);
-    execve(argPointers[0], argPointers.data(), envPointers.data());
-    _exit(127);
-  }
-  setpgid(pid_, pid_);
-  if (terminalSide >= 0) close(terminalSide);
-}
-
-void ProgramRun::ReadTerminal() {
-  char buffer[4096];
-  for (ssize_t got; terminal_ >= 0 && (got = read(terminal_, buffer, sizeof buffer)) > 0;)
-    shown_.append(buffer, static_cast<std::size_t>(got));
+  started_ = StartProgram(argv, launch, streams_ / "out", streams_ / "err");
 }
 
 ProgramRun::~ProgramRun() {
   if (!result_) Wait(0);
   // A test that failed may have left processes behind; they go with it.
   for (const auto& [pid, command] : MarkedProcesses(mark_)) kill(pid, SIGKILL);
-  if (terminal_ >= 0) close(terminal_);
 }
 
 const RunResult& ProgramRun::Wait(double timeoutSeconds) {
-  if (result_) return *result_;
-  RunResult result;
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
-  int status = 0;
-  for (pid_t done; (done = waitpid(pid_, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR);) {
-    // Past the time-out the group is killed and the next round reaps it.
-    if (std::chrono::steady_clock::now() >= deadline && !result.timedOut) {
-      result.timedOut = true;
-      kill(-pid_, SIGKILL);
-    }
-    ReadTerminal();  // a full terminal would hold the program up
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  ReadTerminal();
-  result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = ReadIfAny(streams_ / "out");
-  result.err = terminal_ >= 0 ? shown_ : ReadIfAny(streams_ / "err");
-  result_ = result;
+  if (!result_) result_ = WaitProgram(started_, timeoutSeconds, streams_ / "out", streams_ / "err");
   return *result_;
 }
 
 std::vector<std::string> ProgramRun::Survivors() const {
   std::vector<std::string> survivors;
   for (const auto& [pid, command] : MarkedProcesses(mark_))
-    if (pid != pid_) survivors.push_back(std::to_string(pid) + " " + command);
+    if (pid != started_.pid) survivors.push_back(std::to_string(pid) + " " + command);
   return survivors;
+}
+
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
+                   LaunchOptions options) {
+  static int kept = 0;
+  options.env["VELTAR_EXTRACTA_DEBUG"] = "";
+  options.env["EXTRACTA_SIM_LOG"] = base + "/sim.log";
+  ::unlink((base + "/sim.log").c_str());
+  ProgramRun run(args, options);
+  const RunResult& result = run.Wait();  // debug traces on standard error
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
+  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+  const std::vector<std::string> dirs = WorkingDirs(base);
+  EXPECT_EQ(dirs.size(), 1u);
+  if (dirs.size() != 1) return {"", {}};
+  // Runs within one second share the directory's name.
+  const std::string moved = base + "/kept" + std::to_string(++kept);
+  EXPECT_EQ(std::rename((base + "/" + dirs[0]).c_str(), moved.c_str()), 0);
+  return {moved + "/", ReadSimLog(base + "/sim.log")};
 }
 
 void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::string& err) {
@@ -379,16 +290,33 @@ std::map<std::string, std::string> Snapshot(const std::string& directory) {
   return entries;
 }
 
+std::map<std::string, ArchiveFile> ReadArchive(const std::string& path) {
+  int error = 0;
+  zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY | ZIP_CHECKCONS, &error);
+  std::map<std::string, ArchiveFile> entries;
+  EXPECT_NE(archive, nullptr) << "not an archive: " << path;
+  if (!archive) return entries;
+  for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(zip_get_num_entries(archive, 0)); ++i) {
+    zip_stat_t st;
+    zip_stat_index(archive, i, 0, &st);
+    std::string data(st.size, '\0');
+    zip_file_t* file = zip_fopen_index(archive, i, 0);
+    // Reading to the end checks the entry's CRC.
+    char more = 0;
+    EXPECT_TRUE(file &&
+                zip_fread(file, data.data(), st.size) == static_cast<zip_int64_t>(st.size) &&
+                zip_fread(file, &more, 1) == 0)
+        << "damaged entry " << st.name;
+    if (file) zip_fclose(file);
+    entries[st.name] = {data, st.comp_method};
+  }
+  zip_close(archive);
+  return entries;
+}
+
 std::vector<std::string> ArchiveNames(const std::string& archive) {
-  std::istringstream lines(
-      Zip("bad = z.testzip()\n"
-          "if bad: sys.exit('damaged entry ' + bad)\n"
-          "sys.stdout.buffer.write(b''.join(n.encode() + b'\\n' for n in z.namelist()))\n",
-          {archive}));
   std::vector<std::string> names;
-  for (std::string line; std::getline(lines, line);)
-    if (!line.empty()) names.push_back(line);
-  std::sort(names.begin(), names.end());
+  for (const auto& entry : ReadArchive(archive)) names.push_back(entry.first);
   return names;
 }
 
@@ -400,11 +328,11 @@ std::vector<std::string> ArchiveLeaves(const std::string& archive) {
 }
 
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf) {
-  return Zip(
-      "names = [n for n in z.namelist() if n.rsplit('/', 1)[-1] == sys.argv[2]]\n"
-      "if len(names) != 1: sys.exit('%d entries named %s' % (len(names), sys.argv[2]))\n"
-      "sys.stdout.buffer.write(z.read(names[0]))\n",
-      {archive, leaf});
+  std::vector<std::string> found;
+  for (const auto& [name, file] : ReadArchive(archive))
+    if (Leaf(name) == leaf) found.push_back(file.data);
+  EXPECT_EQ(found.size(), 1u) << leaf;
+  return found.empty() ? "" : found[0];
 }
 
 std::string Leaf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }

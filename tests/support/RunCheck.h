@@ -18,7 +18,13 @@
 
 namespace veltest {
 
-using EnvMap = std::map<std::string, std::optional<std::string>>;
+// The views of the default set other than conn, in the set's order, and the
+// files a cell run delivers (its views and its control file), sorted.
+inline const std::vector<std::string> kOtherStandardViews = {
+    "layer",     "paddef",  "fullgeo",      "diestack",  "net",
+    "component", "outline", "compositepad", "logicalpin"};
+inline const std::vector<std::string> kCellFiles = {"cconn.txt", "cfullgeo.txt", "diestack.txt",
+                                                    "extracta_control.txt", "layer.txt"};
 
 // A design from make-design in `directory`; the sample design (seed 5, 300
 // connectivity records) is made once per test program.
@@ -55,21 +61,10 @@ struct SimRun {
 std::vector<SimRun> ReadSimLog(const std::string& path);
 int MostAtOnce(const std::vector<SimRun>& runs);
 
-struct LaunchOptions {
-  std::string cwd;  // empty: the test's current directory
-  EnvMap env;       // on top of the defaults of ProgramRun; nullopt unsets
-  // As the user "nobody" when the tests run as root (for whom no directory is
-  // unwritable), from copies of the program and extracta-sim it can reach.
-  bool unprivileged = false;
-  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
-  // stays, so a child may raise its own soft limit again.
-  long long fileSizeLimit = 0;
-  // Above 0: standard error on a pseudo-terminal this many columns wide (no
-  // output processing, so its bytes arrive as written); what it showed is the
-  // run's `err`.
-  int terminalColumns = 0;
-  bool outputOnTerminal = false;  // standard output there too
-};
+// Options of a run: the launcher's, with `env` on top of the defaults of
+// ProgramRun and `unprivileged` running copies of the program and
+// extracta-sim that the user "nobody" can reach.
+using LaunchOptions = RunOptions;
 
 // One run of VelExtracta, started in the background. Unless the options say
 // otherwise extracta-sim is the extractor, no fault is injected, no run log is
@@ -81,7 +76,7 @@ class ProgramRun {
   ProgramRun(const ProgramRun&) = delete;
   ProgramRun& operator=(const ProgramRun&) = delete;
 
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return started_.pid; }
   // Waits for the end (killing the run's process group after the time-out).
   const RunResult& Wait(double timeoutSeconds = 120);
   // The run's processes but the program itself that still run (zombies do
@@ -89,15 +84,24 @@ class ProgramRun {
   std::vector<std::string> Survivors() const;
 
  private:
-  pid_t pid_ = -1;
+  Started started_;
   std::string mark_;
   TempDir streams_;
   std::optional<TempDir> programCopy_;
   std::optional<RunResult> result_;
-  int terminal_ = -1;  // the pseudo-terminal's master side
-  std::string shown_;  // what the terminal received so far
-  void ReadTerminal();
 };
+
+// One run with its working directory kept (debug on) and the stand-in's run
+// log in `base`/sim.log: checks that it succeeded with the success line alone
+// on standard output and left no process, then moves the one working
+// directory it left in `base` out of the next run's way; its new path (with a
+// "/", "" when the run left none) and the runs the log lists.
+struct KeptRun {
+  std::string workDir;
+  std::vector<SimRun> runs;
+};
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
+                   LaunchOptions options = {});
 
 // Waits for the run and checks its outcome: not timed out, the exit code, on
 // standard output the one success line ("VLX file written: " and a pointer
@@ -114,9 +118,15 @@ bool IsPointerLine(const std::string& text, const std::string& label);
 std::vector<std::string> WorkingDirs(const std::string& directory);
 std::map<std::string, std::string> Snapshot(const std::string& directory);
 
-// A zip archive's entry names as Python's zipfile reads them after its own
-// integrity test, sorted (empty, with a failed expectation, when damaged);
-// their file name parts, sorted; the bytes of the entry named `leaf`.
+// A zip archive read back through the library, every entry checked: entry
+// name -> bytes and compression method (empty, with a failed expectation,
+// when damaged); the entry names, sorted; their file name parts, sorted; the
+// bytes of the one entry named `leaf`.
+struct ArchiveFile {
+  std::string data;
+  int method = 0;
+};
+std::map<std::string, ArchiveFile> ReadArchive(const std::string& archive);
 std::vector<std::string> ArchiveNames(const std::string& archive);
 std::vector<std::string> ArchiveLeaves(const std::string& archive);
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf);

@@ -2,9 +2,12 @@
 
 #ifndef _WIN32
 #include <fcntl.h>
-#include <poll.h>
+#include <grp.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 #endif
 
@@ -19,6 +22,11 @@
 #include <random>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
+
+#ifndef _WIN32
+extern char** environ;
+#endif
 
 namespace veltest {
 
@@ -108,102 +116,161 @@ std::string BinPath(const std::string& program) {
 
 #ifdef _WIN32
 
-// Through the command interpreter, with the standard streams in files: the
+// Through the command interpreter, with the standard streams in the files: the
 // environment and the current directory are this process's own for the time
-// of the run, which the suites' one-test-at-a-time order allows. A time-out
-// is not enforced here; the test runner's own limit ends a run that hangs.
-RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options) {
-  const TempDir streams;
+// of the run, which the suites' one-test-at-a-time order allows, so the run
+// ends before StartProgram returns. A time-out is not enforced here; the test
+// runner's own limit ends a run that hangs.
+Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
+                     const std::string& outFile, const std::string& errFile) {
   std::string command = "\"";
   for (const std::string& arg : argv) {
     std::string quoted = "\"";
     for (const char c : arg) quoted += c == '/' && &arg == &argv.front() ? '\\' : c;
     command += quoted + "\" ";
   }
-  command += "<NUL >\"" + streams / "out" + "\" 2>\"" + streams / "err" + "\"\"";
+  command += "<NUL >\"" + outFile + "\" 2>\"" + errFile + "\"\"";
   std::vector<std::unique_ptr<ScopedEnv>> env;
   for (const auto& [name, value] : options.env)
     env.push_back(std::make_unique<ScopedEnv>(name, value));
   const fs::path before = fs::current_path();
   if (!options.cwd.empty()) fs::current_path(options.cwd);
-  RunResult result;
-  result.exitCode = std::system(command.c_str());
+  Started started;
+  started.exitCode = std::system(command.c_str());
   fs::current_path(before);
-  result.out = ReadFile(streams / "out");
-  result.err = ReadFile(streams / "err");
+  return started;
+}
+
+RunResult WaitProgram(Started& started, double, const std::string& outFile,
+                      const std::string& errFile) {
+  RunResult result;
+  result.exitCode = started.exitCode;
+  result.out = PathExists(outFile) ? ReadFile(outFile) : "";
+  result.err = PathExists(errFile) ? ReadFile(errFile) : "";
   return result;
 }
 
 #else
 
-RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options) {
-  int outPipe[2], errPipe[2];
-  if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0)
-    throw std::runtime_error("pipe failed");
-  const pid_t pid = fork();
-  if (pid < 0) throw std::runtime_error("fork failed");
-  if (pid == 0) {
+namespace {
+
+// What the terminal received since the last look (its master side does not block).
+void ReadTerminal(int terminal, std::string& shown) {
+  char buffer[4096];
+  for (ssize_t got; (got = read(terminal, buffer, sizeof buffer)) > 0;)
+    shown.append(buffer, static_cast<std::size_t>(got));
+}
+
+}  // namespace
+
+Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
+                     const std::string& outFile, const std::string& errFile) {
+  std::map<std::string, std::string> variables;
+  for (char** entry = environ; *entry; ++entry) {
+    const std::string text = *entry;
+    const std::size_t equals = std::min(text.find('='), text.size());
+    if (text.rfind("EXTRACTA_SIM_", 0) != 0) variables[text.substr(0, equals)] = text;
+  }
+  for (const auto& [name, value] : options.env) {
+    if (value)
+      variables[name] = name + "=" + *value;
+    else
+      variables.erase(name);
+  }
+  std::vector<char*> args, env;
+  for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+  for (const auto& [name, text] : variables) env.push_back(const_cast<char*>(text.c_str()));
+  args.push_back(nullptr);
+  env.push_back(nullptr);
+  const bool switchUser = options.unprivileged && geteuid() == 0;
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+  Started started;
+  int terminalSide = -1;
+  if (options.terminalColumns > 0) {
+    termios modes{};
+    cfmakeraw(&modes);
+    winsize size{};
+    size.ws_row = 24;
+    size.ws_col = static_cast<unsigned short>(options.terminalColumns);
+    if (openpty(&started.terminal, &terminalSide, nullptr, &modes, &size) != 0)
+      throw std::runtime_error("openpty failed");
+    fcntl(started.terminal, F_SETFD, FD_CLOEXEC);
+    fcntl(started.terminal, F_SETFL, O_NONBLOCK);
+    fcntl(terminalSide, F_SETFD, FD_CLOEXEC);
+  }
+  started.pid = fork();
+  if (started.pid < 0) throw std::runtime_error("fork failed");
+  if (started.pid == 0) {
+    // Only async-signal-safe calls from here on.
     setpgid(0, 0);
-    const int devNull = open("/dev/null", O_RDONLY);
-    dup2(devNull, 0);
-    dup2(outPipe[1], 1);
-    dup2(errPipe[1], 2);
+    if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
+        dup2(options.outputOnTerminal ? terminalSide : open(outFile.c_str(), flags, 0600), 1) !=
+            1 ||
+        dup2(terminalSide >= 0 ? terminalSide : open(errFile.c_str(), flags, 0600), 2) != 2)
+      _exit(126);
     if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    for (const auto& [name, value] : options.env) {
-      if (value)
-        setenv(name.c_str(), value->c_str(), 1);
-      else
-        unsetenv(name.c_str());
+    if (options.fileSizeLimit > 0) {
+      rlimit limit;
+      getrlimit(RLIMIT_FSIZE, &limit);
+      limit.rlim_cur = static_cast<rlim_t>(options.fileSizeLimit);
+      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
     }
-    std::vector<char*> args;
-    for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
+    // The user and group "nobody" on Debian.
+    if (switchUser && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
+      _exit(126);
+    execve(args[0], args.data(), env.data());
     _exit(127);
   }
-  setpgid(pid, pid);
-  close(outPipe[1]);
-  close(errPipe[1]);
+  setpgid(started.pid, started.pid);
+  if (terminalSide >= 0) close(terminalSide);
+  return started;
+}
 
+RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
+                      const std::string& errFile) {
   RunResult result;
-  const auto deadline = std::chrono::steady_clock::now() +
-                        std::chrono::milliseconds(static_cast<long>(options.timeoutSeconds * 1000));
-  pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-  std::string* sinks[2] = {&result.out, &result.err};
-  int open = 2;
-  char buffer[65536];
-  while (open > 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          deadline - std::chrono::steady_clock::now())
-                          .count();
-    if (left <= 0) {
-      result.timedOut = true;
-      kill(-pid, SIGKILL);
-      break;
-    }
-    const int ready = poll(fds, 2, static_cast<int>(std::min<long>(left, 1000)));
-    if (ready < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
-      if (fds[i].fd < 0 || !(fds[i].revents & (POLLIN | POLLHUP | POLLERR))) continue;
-      const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        sinks[i]->append(buffer, static_cast<size_t>(n));
-      } else {
-        close(fds[i].fd);
-        fds[i].fd = -1;
-        --open;
-      }
-    }
-  }
-  for (auto& f : fds)
-    if (f.fd >= 0) close(f.fd);
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
+  std::string shown;
   int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  for (pid_t done;
+       (done = waitpid(started.pid, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR);) {
+    // Past the time-out the group is killed and the next round reaps it.
+    if (std::chrono::steady_clock::now() >= deadline && !result.timedOut) {
+      result.timedOut = true;
+      kill(-started.pid, SIGKILL);
+    }
+    // A full terminal would hold the program up.
+    if (started.terminal >= 0) ReadTerminal(started.terminal, shown);
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.out = PathExists(outFile) ? ReadFile(outFile) : "";
+  result.err = PathExists(errFile) ? ReadFile(errFile) : "";
+  if (started.terminal >= 0) {
+    ReadTerminal(started.terminal, shown);
+    close(started.terminal);
+    started.terminal = -1;
+    result.err = shown;
+  }
   return result;
 }
 
 #endif
+
+RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options) {
+  const TempDir streams;
+  Started started = StartProgram(argv, options, streams / "out", streams / "err");
+  return WaitProgram(started, options.timeoutSeconds, streams / "out", streams / "err");
+}
+
+bool PollUntil(const std::function<bool()>& condition, double seconds) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
+}
 
 }  // namespace veltest

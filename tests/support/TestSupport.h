@@ -2,6 +2,7 @@
 // Helpers shared by the test suites: scratch directories, files, environment
 // overrides, and running a built program with its output captured.
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -53,14 +54,43 @@ struct RunResult {
   bool timedOut = false;
 };
 
+using EnvMap = std::map<std::string, std::optional<std::string>>;
+
 struct RunOptions {
-  std::string cwd;                                        // empty: the current directory
-  std::map<std::string, std::optional<std::string>> env;  // set (value) or unset (nullopt)
+  std::string cwd;  // empty: the current directory
+  EnvMap env;       // set (value) or unset (nullopt); EXTRACTA_SIM_* never leaks in
   double timeoutSeconds = 120;
+  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
+  // stays, so a child may raise its own soft limit again.
+  long long fileSizeLimit = 0;
+  bool unprivileged = false;  // as the user "nobody" (when run as root)
+  // Above 0: standard error on a pseudo-terminal this many columns wide (no
+  // output processing, so its bytes arrive as written); what it showed is the
+  // run's `err`.
+  int terminalColumns = 0;
+  bool outputOnTerminal = false;  // standard output there too
 };
 
-// Runs argv[0] (a path) with the arguments, standard input from /dev/null,
-// and waits for it. A run that exceeds the time-out is killed (process group).
+// A started program: its process id, also its process group's; the
+// pseudo-terminal's master side (-1: none); on Windows, where the run has
+// ended when StartProgram returns, its exit status.
+struct Started {
+  int pid = -1;
+  int terminal = -1;
+  int exitCode = -1;
+};
+
+// The one launcher: starts argv[0] (a path) in a process group of its own,
+// standard input from /dev/null, standard output and error into the files.
+Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
+                     const std::string& outFile, const std::string& errFile);
+// Waits for a started program, killing its process group after the time-out.
+RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
+                      const std::string& errFile);
+// Starts and waits.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+// Polls the condition every few milliseconds for at most `seconds`.
+bool PollUntil(const std::function<bool()>& condition, double seconds);
 
 }  // namespace veltest
