@@ -60,8 +60,8 @@ const void* PathValue(const AString& path) { return static_cast<const void*>(pat
 // this returns.
 int RunExtraction(const CommandLine& options, const fs::path& designPath,
                   const fs::path& outputPath) {
-  const AString designText(designPath.string());
-  const AString outputText(outputPath.string());
+  const AString designText(designPath.u8string());
+  const AString outputText(outputPath.u8string());
 
   ExtractaExecutor executor;
   const ViewSet views = options.standardViews ? kStandardViews : kCellViews;
@@ -73,7 +73,7 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   ProgressLine progress(executor);
   std::vector<ActiveView> activeViews;
   if (options.zip) executor.packWhileExtracting();
-  const bool created = executor.createExtractaViews(designText, AString(base.string()), views,
+  const bool created = executor.createExtractaViews(designText, AString(base.u8string()), views,
                                                     options.nets, activeViews);
   if (created && !options.adds.empty()) executor.addFilesToWorkingDir(options.adds);
   progress.clear();
@@ -114,14 +114,14 @@ int main(int argc, char** argv) {
   if (!options.enoughArguments) return 1;
 
   try {
-    const fs::path designPath(argv[argc - 2]);
-    const fs::path outputPath(argv[argc - 1]);
+    const fs::path designPath = fs::u8path(argv[argc - 2]);
+    const fs::path outputPath = fs::u8path(argv[argc - 1]);
     std::string reason;
     if (StatusOf(designPath, &reason).type() == fs::file_type::not_found) {
-      VelDebug(1, L"mcm file %s: %s\n", AString(designPath.string()).c_str(),
+      VelDebug(1, L"mcm file %s: %s\n", AString(designPath.u8string()).c_str(),
                AString(reason).c_str());
       VEL_ASSERT(!"mcm file does not exist");
-      const AString designText(designPath.string());
+      const AString designText(designPath.u8string());
       std::cerr << "mcm file does not exist: " << PathValue(designText) << "\n";
       return 1;
     }

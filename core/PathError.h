@@ -9,5 +9,5 @@
 
 inline std::runtime_error PathError(const std::string& what, const std::filesystem::path& path,
                                     const std::error_code& error) {
-  return std::runtime_error(what + ": " + error.message() + ": \"" + path.string() + "\"");
+  return std::runtime_error(what + ": " + error.message() + ": \"" + path.u8string() + "\"");
 }

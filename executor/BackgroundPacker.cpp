@@ -33,7 +33,8 @@ struct FileState {
 
 // Throws on failure.
 FileState StateOf(const std::string& path) {
-  return FileState{std::filesystem::file_size(path), std::filesystem::last_write_time(path)};
+  const std::filesystem::path file = std::filesystem::u8path(path);
+  return FileState{std::filesystem::file_size(file), std::filesystem::last_write_time(file)};
 }
 
 }  // namespace
@@ -75,7 +76,7 @@ unsigned BackgroundPacker::DefaultThreads() {
 }
 
 std::string BackgroundPacker::Key(const std::string& path) {
-  return std::filesystem::path(path).filename().string();
+  return std::filesystem::u8path(path).filename().u8string();
 }
 
 void BackgroundPacker::viewFinished(const std::string& path) {

@@ -105,7 +105,7 @@ bool ExtractaExecutor::deleteWorkingDir() {
 
 void ExtractaExecutor::requireViewFile(const AString& path) {
   std::error_code error;
-  if (!std::filesystem::is_regular_file(std::filesystem::path(VEL_ANSI(path)), error))
+  if (!std::filesystem::is_regular_file(std::filesystem::u8path(VEL_ANSI(path)), error))
     throw ExtractaParserException(AString("extracta wrote no view file ") + path);
 }
 

@@ -25,7 +25,7 @@ namespace {
 // The extension runs from the last dot of the leaf, dot included, so a leaf
 // that is all extension (".txt") has one; "." and ".." have none.
 std::string Extension(const fs::path& entry) {
-  const std::string leaf = entry.filename().string();
+  const std::string leaf = entry.filename().u8string();
   const size_t dot = leaf.rfind('.');
   if (dot == std::string::npos || leaf == "." || leaf == "..") return std::string();
   return leaf.substr(dot);
@@ -59,7 +59,7 @@ std::error_code CopyNew(const fs::path& source, const fs::path& target) {
   VeltInputFile in;
   VeltOutputFile out;
   std::uint64_t copied = 0;
-  const bool done = in.Open(AString(source.string())) && out.Create(AString(target.string())) &&
+  const bool done = in.Open(AString(source.u8string())) && out.Create(AString(target.u8string())) &&
                     out.CopyFrom(in, copied) && out.Close();
   const int code = in.Error() ? in.Error() : out.Error();
   return done ? std::error_code() : std::error_code(code, std::system_category());
@@ -69,10 +69,10 @@ std::error_code CopyNew(const fs::path& source, const fs::path& target) {
 
 bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
   if (!workingDir.IsInitialized() || !LFN_IsExistingDirectory(workingDir)) return false;
-  const fs::path workingpath(VEL_ANSI(workingDir.FilePath()));
+  const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
   VEL_ASSERT(fs::is_directory(workingpath));
   for (const AString& file : files) {
-    const fs::path source(VEL_ANSI(file));
+    const fs::path source = fs::u8path(VEL_ANSI(file));
     // A name that is already there (a view file, say) is not overwritten: the
     // copy fails, and so does a directory, which is not a file to copy. Either
     // ends the run, with the file and the reason in the failure.
@@ -87,12 +87,12 @@ bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
 }
 
 bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& filterExtension) {
-  const fs::path outpath(VEL_ANSI(outputPath));
+  const fs::path outpath = fs::u8path(VEL_ANSI(outputPath));
   VEL_ASSERT(!fs::is_directory(outpath));
 
   CZipArchive archive;
   try {
-    archive.Open(outpath.string(), CZipArchive::kCreate, 0);
+    archive.Open(outpath.u8string(), CZipArchive::kCreate, 0);
   } catch (...) {
     VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
     VEL_ASSERT(!"open archive failed");
@@ -102,12 +102,12 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   try {
     // An interrupt while the last views are deflated packs nothing.
     if (packer && !packer->finish()) throw CZipException("interrupted");
-    const fs::path workingpath(VEL_ANSI(workingDir.FilePath()));
+    const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
     if (Exists(fs::status(workingpath))) {
       for (fs::directory_iterator it(workingpath), end; it != end; ++it) {
         if (!PassesFilter(it->path(), filterExtension)) continue;
-        if (packer && packer->addTo(archive, it->path().string(), true)) continue;
-        archive.AddNewFile(it->path().string(), CZipArchive::kDefaultLevel, true, 7, 65536);
+        if (packer && packer->addTo(archive, it->path().u8string(), true)) continue;
+        archive.AddNewFile(it->path().u8string(), CZipArchive::kDefaultLevel, true, 7, 65536);
       }
     }
     // The zip writer reads and compresses the files while it closes, so a
@@ -123,11 +123,11 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
 }
 
 bool ExtractaExecutor::moveActiveViews(const AString& outputPath, const AString& filterExtension) {
-  const fs::path outpath(VEL_ANSI(outputPath));
+  const fs::path outpath = fs::u8path(VEL_ANSI(outputPath));
   VEL_ASSERT(fs::is_directory(outpath));
 
   try {
-    const fs::path workingpath(VEL_ANSI(workingDir.FilePath()));
+    const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
     if (!Exists(fs::status(workingpath))) return true;
     for (fs::directory_iterator it(workingpath), end; it != end; ++it) {
       if (!PassesFilter(it->path(), filterExtension)) continue;

@@ -98,7 +98,7 @@ void readViewFile(const std::string& path, ExtractaViewData& data) {
   // which is 32 bits wide on some runtimes; asking for it also turns away
   // directories and devices, which open but have no size to read.
   std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  const std::uintmax_t size = std::filesystem::file_size(std::filesystem::u8path(path), error);
   std::unique_ptr<std::FILE, FileCloser> file(error ? nullptr : std::fopen(path.c_str(), "rb"));
   if (!file) throw ExtractaParserException("Could not open file: " + path);
 

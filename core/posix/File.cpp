@@ -146,7 +146,7 @@ bool VeltCreateDirectory(const AString& path) { return mkdir(VEL_ANSI(path).c_st
 
 bool VeltRemoveTree(const AString& path) {
   std::error_code ec;
-  std::filesystem::remove_all(std::filesystem::path(VEL_ANSI(path)), ec);
+  std::filesystem::remove_all(std::filesystem::u8path(VEL_ANSI(path)), ec);
   return !ec;
 }
 
