@@ -62,6 +62,10 @@ class VeltOutputFile {
   int Error() const { return error_; }
 
  private:
+  // The copy through a buffer of this program's, where the system has no
+  // better way.
+  bool CopyInPieces(VeltInputFile& input, std::uint64_t& copied);
+
   std::intptr_t handle_ = -1;
   int error_ = 0;
 };

@@ -13,8 +13,6 @@
 
 namespace {
 
-// Copying through this program, where the kernel cannot copy.
-constexpr std::size_t kCopyBuffer = 1 << 20;
 // Large enough that one call copies a whole piece; the kernel splits it.
 constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
 
@@ -98,17 +96,7 @@ bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
     return false;
   }
 #endif
-  std::vector<char> buffer(kCopyBuffer);
-  for (;;) {
-    const std::int64_t got = input.Read(buffer.data(), buffer.size());
-    if (got < 0) {
-      error_ = input.Error();
-      return false;
-    }
-    if (got == 0) return true;
-    if (!Write(buffer.data(), static_cast<std::size_t>(got))) return false;
-    copied += static_cast<std::uint64_t>(got);
-  }
+  return CopyInPieces(input, copied);
 }
 
 bool VeltOutputFile::Close() {

@@ -11,9 +11,6 @@
 
 namespace {
 
-// Copying goes through this buffer: the system has no copy between two open
-// files.
-constexpr std::size_t kCopyBuffer = 1 << 20;
 // ReadFile and WriteFile count in 32 bits.
 constexpr std::size_t kMostPerCall = 1u << 30;
 
@@ -80,17 +77,8 @@ bool VeltOutputFile::Write(const char* data, std::size_t size) {
 }
 
 bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
-  std::vector<char> buffer(kCopyBuffer);
-  for (;;) {
-    const std::int64_t got = input.Read(buffer.data(), buffer.size());
-    if (got < 0) {
-      error_ = input.Error();
-      return false;
-    }
-    if (got == 0) return true;
-    if (!Write(buffer.data(), static_cast<std::size_t>(got))) return false;
-    copied += static_cast<std::uint64_t>(got);
-  }
+  // The system has no copy between two open files.
+  return CopyInPieces(input, copied);
 }
 
 bool VeltOutputFile::Close() {
