@@ -243,12 +243,15 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
   }
   DWORD code = 0;
   GetExitCodeProcess(process, &code);
-  CloseHandle(process);
-  started.process = nullptr;
   result.exitCode = static_cast<int>(code);
   result.out = WithoutCarriageReturns(PathExists(outFile) ? ReadFile(outFile) : "");
   result.err = WithoutCarriageReturns(PathExists(errFile) ? ReadFile(errFile) : "");
   return result;
+}
+
+void ReleaseProgram(Started& started) {
+  if (started.process) CloseHandle(started.process);
+  started.process = nullptr;
 }
 
 std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::string&) {
@@ -264,12 +267,13 @@ std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::strin
     names[entry.th32ProcessID] = Narrow(entry.szExeFile);
   }
   CloseHandle(snapshot);
-  std::vector<DWORD> tree;
-  if (names.count(static_cast<DWORD>(root))) tree.push_back(static_cast<DWORD>(root));
+  // The root's descendants are found after it has ended too.
+  std::vector<DWORD> tree = {static_cast<DWORD>(root)};
   for (std::size_t i = 0; i < tree.size(); ++i)
     for (const auto& [pid, parent] : parents)
       if (parent == tree[i] && pid != tree[i]) tree.push_back(pid);
-  for (DWORD pid : tree) found.emplace_back(static_cast<int>(pid), names[pid]);
+  for (DWORD pid : tree)
+    if (names.count(pid)) found.emplace_back(static_cast<int>(pid), names[pid]);
   return found;
 }
 
@@ -451,6 +455,8 @@ std::vector<int> ProcessesInGroup(int group, bool liveOnly) {
 
 bool ProcessExists(int pid) { return kill(pid, 0) == 0; }
 
+void ReleaseProgram(Started&) {}
+
 bool SendSignal(int pid, int signal) { return kill(pid, signal) == 0; }
 
 #endif
@@ -458,7 +464,9 @@ bool SendSignal(int pid, int signal) { return kill(pid, signal) == 0; }
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options) {
   const TempDir streams;
   Started started = StartProgram(argv, options, streams / "out", streams / "err");
-  return WaitProgram(started, options.timeoutSeconds, streams / "out", streams / "err");
+  RunResult result = WaitProgram(started, options.timeoutSeconds, streams / "out", streams / "err");
+  ReleaseProgram(started);
+  return result;
 }
 
 bool PollUntil(const std::function<bool()>& condition, double seconds) {

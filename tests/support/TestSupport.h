@@ -119,7 +119,10 @@ Started StartProgram(const std::vector<std::string>& argv, const RunOptions& opt
 // Waits for a started program, killing its process group after the time-out.
 RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
                       const std::string& errFile);
-// Starts and waits.
+// Lets the system forget a waited-for program: on Windows its id, held until
+// then, may name another process afterwards.
+void ReleaseProgram(Started& started);
+// Starts, waits and releases.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
 // Processes not yet ended, as (pid, command line; on Windows program name):
