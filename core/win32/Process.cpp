@@ -149,13 +149,23 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
   for (HANDLE* stream : {&streams.output, &streams.error})
     if (!*stream) *stream = OpenInheritable(L"NUL", GENERIC_WRITE);
 
+  // The child is born in its tree's job: a VelExtracta killed at any moment,
+  // even while the child is being created, takes it along.
+  HANDLE job = CreateTreeJob();
+  struct JobRelease {
+    HANDLE& job;
+    ~JobRelease() {
+      if (job) CloseHandle(job);
+    }
+  } jobRelease{job};
+
   // Only the three streams are inherited, whatever else is inheritable.
   HANDLE inherited[] = {streams.input, streams.output, streams.error};
   SIZE_T attributeSize = 0;
-  InitializeProcThreadAttributeList(nullptr, 1, 0, &attributeSize);
+  InitializeProcThreadAttributeList(nullptr, 2, 0, &attributeSize);
   std::vector<char> attributeStorage(attributeSize);
   auto* attributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(attributeStorage.data());
-  if (!InitializeProcThreadAttributeList(attributeList, 1, 0, &attributeSize))
+  if (!InitializeProcThreadAttributeList(attributeList, 2, 0, &attributeSize))
     return static_cast<int>(GetLastError());
   struct ListRelease {
     LPPROC_THREAD_ATTRIBUTE_LIST list;
@@ -170,6 +180,9 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
                                    count * sizeof(HANDLE), nullptr, nullptr))
       return static_cast<int>(GetLastError());
   }
+  if (job && !UpdateProcThreadAttribute(attributeList, 0, PROC_THREAD_ATTRIBUTE_JOB_LIST, &job,
+                                        sizeof job, nullptr, nullptr))
+    return static_cast<int>(GetLastError());
 
   STARTUPINFOEXW startup = {};
   startup.StartupInfo.cb = sizeof startup;
@@ -177,12 +190,10 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
   startup.StartupInfo.hStdInput = streams.input;
   startup.StartupInfo.hStdOutput = streams.output;
   startup.StartupInfo.hStdError = streams.error;
-  startup.lpAttributeList = inheritHandles ? nullptr : attributeList;
+  startup.lpAttributeList = attributeList;
 
-  // Suspended until it is in its job, so not even its first grandchild can
-  // escape the tree.
-  DWORD flags = CREATE_UNICODE_ENVIRONMENT | CREATE_SUSPENDED;
-  if (!inheritHandles) flags |= EXTENDED_STARTUPINFO_PRESENT;
+  // Suspended until its job is registered, so an interrupt cannot miss it.
+  DWORD flags = CREATE_UNICODE_ENVIRONMENT | CREATE_SUSPENDED | EXTENDED_STARTUPINFO_PRESENT;
   if (newProcessGroup) flags |= CREATE_NEW_PROCESS_GROUP;
   const std::wstring application = Wide(applicationName);
   std::wstring commandLine = CommandLine(argv, argc);
@@ -197,12 +208,7 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
   auto* child = new ChildProcess;
   child->process = started.hProcess;
   child->pid = started.dwProcessId;
-  child->job = CreateTreeJob();
-  if (child->job && !AssignProcessToJobObject(child->job, started.hProcess)) {
-    CloseHandle(child->job);
-    child->job = nullptr;
-  }
-  // Registered before it runs, so an interrupt cannot miss it.
+  std::swap(child->job, job);
   if (child->job) velt_win32::RegisterChildJob(child->job);
   ResumeThread(started.hThread);
   CloseHandle(started.hThread);

@@ -21,13 +21,13 @@ int FailingSite() {
 }
 
 // Assertion reports and trace lines go to standard error only while the debug
-// variable is defined (empty counts), never to standard output; a trace sink
+// variable is defined (whatever its value), never to standard output; a trace sink
 // receives the lines either way.
 TEST(AssertAndTraceTest, StandardErrorOnlyWhileDebugIsDefined) {
   for (const bool debug : {false, true}) {
     SCOPED_TRACE(debug);
     veltest::ScopedEnv env("VELTAR_EXTRACTA_DEBUG",
-                           debug ? std::optional<std::string>("") : std::nullopt);
+                           debug ? std::optional<std::string>("1") : std::nullopt);
     std::vector<std::pair<int, std::wstring>> lines;
     const TraceSink previous = SetTraceSink_G(
         [&](int level, const std::wstring& line) { lines.emplace_back(level, line); });

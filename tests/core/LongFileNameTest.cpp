@@ -54,6 +54,7 @@ TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
 }
 
 TEST(LongFileNameTest, DeleteRemovesATreeButNotWhatItsLinksPointTo) {
+  VEL_SKIP_ON_WINDOWS("symbolic links: wine makes none");
   TempDir temp;
   const std::string outside = temp / "outside";
   ASSERT_TRUE(LFN_CreateDirectory(Dir(outside)));

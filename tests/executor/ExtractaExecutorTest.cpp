@@ -4,10 +4,9 @@
 
 #include "executor/ExtractaExecutor.h"
 
-#include <sys/stat.h>
-
 #include <ctime>
 #include <filesystem>
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -26,9 +25,9 @@ using veltest::WriteFile;
 // Seconds since 1970 of the local wall clock now.
 long LocalSecondsNow() {
   const time_t now = std::time(nullptr);
-  tm local;
-  localtime_r(&now, &local);
-  return static_cast<long>(now) + local.tm_gmtoff;
+  tm utc = *std::gmtime(&now);
+  utc.tm_isdst = -1;  // the local offset at that moment, summer time included
+  return static_cast<long>(now + (now - std::mktime(&utc)));
 }
 
 // Every test starts without the debug variable: the executor removes its
@@ -41,10 +40,11 @@ class ExecutorTest : public ::testing::Test {
 
 // The local clock's number names the directory (end to end, with a time zone:
 // tests/e2e). The debug variable is read when the executor goes: defined
-// then, even empty, it keeps the directory.
+// then, whatever its value, it keeps the directory.
 TEST_F(ExecutorTest, WorkingDirIsReplacedAndRemovedUnlessDebugging) {
   for (const bool debug : {true, false}) {
     {
+      std::optional<ScopedEnv> keep;
       ExtractaExecutor executor;
       EXPECT_TRUE(executor.deleteWorkingDir()) << "a fresh executor has nothing to remove";
       // With or without the base's separator, none is doubled; a new working
@@ -56,12 +56,11 @@ TEST_F(ExecutorTest, WorkingDirIsReplacedAndRemovedUnlessDebugging) {
         EXPECT_EQ(VEL_ANSI(executor.getWorkingDir().FilePath()), base / names[0] + "/");
         WriteFile(base / names[0] + "/layer.txt", "S!1!\r\n");
       }
-      if (debug) setenv("VELTAR_EXTRACTA_DEBUG", "", 1);
+      if (debug) keep.emplace("VELTAR_EXTRACTA_DEBUG", "0");
     }
-    unsetenv("VELTAR_EXTRACTA_DEBUG");
     EXPECT_EQ(ListDir(base.path()).size(), debug ? 1u : 0u);
     std::filesystem::remove_all(base.path() + "/");
-    ::mkdir(base.path().c_str(), 0700);
+    veltest::MakeDirectory(base.path());
   }
 }
 
@@ -72,7 +71,7 @@ TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
   const long now = LocalSecondsNow();
   for (long n = now - 1; n <= now + 30; ++n) {
     const std::string dir = base / ("extract" + std::to_string(n));
-    ::mkdir(dir.c_str(), 0777);
+    veltest::MakeDirectory(dir);
     WriteFile(dir + "/layer.txt", "S!earlier!\r\n");
   }
   const auto earlier = ListDir(base.path());

@@ -60,14 +60,14 @@ class PackagingTest : public testing::Test {
     WriteFile(work_ + "notes.TXT", "kept back");
     WriteFile(work_ + "README", "no extension");
     WriteFile(work_ + ".txt", "all extension");
-    ::mkdir((work_ + "extra").c_str(), 0777);
+    veltest::MakeDirectory(work_ + "extra");
     WriteFile(work_ + "extra/inside.txt", "not packed");
   }
 
   // The entry names of files of the working directory.
   Names Entries(const Names& names) const {
     Names entries;
-    for (const std::string& name : names) entries.push_back((work_ + name).substr(1));
+    for (const std::string& name : names) entries.push_back(veltest::WithoutRoot(work_ + name));
     return entries;
   }
 
@@ -175,7 +175,7 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
     const auto entries = ReadArchive(out);
     for (const std::string& name : files) {
       if (name == "out.vlx") continue;
-      const std::string entry = (dir / name).substr(1);
+      const std::string entry = veltest::WithoutRoot(dir / name);
       EXPECT_EQ(entries.at(entry).data, ReadFile(dir / name)) << name;
       EXPECT_EQ(JoinedSegments(out, entry), name.rfind("conn", 0) == 0) << name;
     }
@@ -184,8 +184,8 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
 
 TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLevel) {
   veltest::TempDir dir;
-  ::mkdir((dir / "run").c_str(), 0777);
-  ::mkdir((dir / "run/sub").c_str(), 0777);
+  veltest::MakeDirectory(dir / "run");
+  veltest::MakeDirectory(dir / "run/sub");
   WriteFile(dir / "run/layer.txt", "A!LAYER_SORT!\r\nS!1!\r\n");
   WriteFile(dir / "run/sub/inside.txt", "stored");
   const std::string out = dir / "out.zip";
@@ -197,7 +197,7 @@ TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLe
   archive.Close(0, false);
 
   const auto entries = ReadArchive(out);
-  const std::string run = (dir / "run/").substr(1);
+  const std::string run = veltest::WithoutRoot(dir / "run/");
   EXPECT_EQ(ArchiveNames(out), (Names{"inside.txt", run + "layer.txt", run + "sub/"}));
   EXPECT_EQ(entries.at(run + "layer.txt").data, "A!LAYER_SORT!\r\nS!1!\r\n");
   EXPECT_EQ(entries.at(run + "layer.txt").method, ZIP_CM_DEFLATE);

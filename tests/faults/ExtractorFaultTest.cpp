@@ -2,9 +2,6 @@
 // a flood of output or not), writing no view file or a damaged survey, leaving
 // a grandchild behind, hanging while the program is interrupted or killed.
 
-#include <fnmatch.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -15,6 +12,7 @@
 
 #include "process/ExtractaViewGenerator.h"
 #include "tests/faults/FaultMatrix.h"
+#include "tools/extracta_sim/Faults.h"
 
 namespace faults {
 namespace {
@@ -111,11 +109,12 @@ TEST_F(ExtractorFaults, ChildFailures) {
     // The fault struck where it was meant to. A child that failed with one
     // child at a time was the last started: nothing starts once a failure
     // is seen (a missing view file is only seen when all have ended).
-    const auto match = row.env.find("EXTRACTA_SIM_MATCH");
-    if (match == row.env.end()) continue;
+    extracta_sim::FaultPlan plan;
+    if (!row.env.count("EXTRACTA_SIM_MATCH")) continue;
+    plan.match = *row.env.at("EXTRACTA_SIM_MATCH");
     const std::vector<SimRun> runs = ReadSimLog(dir / "sim.log");
     const auto struck = std::find_if(runs.begin(), runs.end(), [&](const SimRun& sim) {
-      return fnmatch(match->second->c_str(), sim.control.c_str(), 0) == 0;
+      return extracta_sim::AppliesTo(plan, sim.control);
     });
     ASSERT_NE(struck, runs.end());
     if (ExtractaViewGenerator::DefaultConcurrencyLimit() == 1 &&
@@ -183,6 +182,9 @@ using Clock = std::chrono::steady_clock;
 //   the threads deflating finished views end, and the working directory is
 //   removed.
 TEST_F(ExtractorFaults, HungChildAndAnInterrupt) {
+  // Ctrl-C, Ctrl-Break and console close reach a console program under wine
+  // only from a terminal, which a test run does not have.
+  VEL_SKIP_ON_WINDOWS("signals; wine delivers console control events only with a terminal");
   struct Case {
     int signal;
     bool cell;  // the cell run's one extracta, outside the generator pool
@@ -201,7 +203,7 @@ TEST_F(ExtractorFaults, HungChildAndAnInterrupt) {
     ProgramRun run(args, hung);
     // A child and the grandchild it left are running.
     ASSERT_TRUE(PollUntil([&] { return run.Survivors().size() >= 2; }, 60));
-    ASSERT_EQ(kill(run.pid(), c.signal), 0);
+    ASSERT_TRUE(SendSignal(run.pid(), c.signal));
     const auto sent = Clock::now();
     EXPECT_TRUE(PollUntil([&] { return run.Survivors().empty(); }, 1.0))
         << "still running a second after the signal: " << ::testing::PrintToString(run.Survivors());
@@ -225,7 +227,7 @@ TEST_F(ExtractorFaults, TheProgramKilledOutright) {
     if (cell) args.insert(args.begin(), "-cell");
     ProgramRun run(args, hung);
     ASSERT_TRUE(PollUntil([&] { return !run.Survivors().empty(); }, 60));
-    ASSERT_EQ(kill(run.pid(), SIGKILL), 0);
+    ASSERT_TRUE(SendSignal(run.pid(), SIGKILL));
     EXPECT_TRUE(PollUntil([&] { return run.Survivors().empty(); }, 1.0))
         << "still running a second after the kill: " << ::testing::PrintToString(run.Survivors());
     EXPECT_EQ(run.Wait().exitCode, 128 + SIGKILL);

@@ -14,8 +14,6 @@
 // scripts/reliability-doc builds the table from these blocks, and a test
 // fails when the committed page differs.
 
-#include <sys/stat.h>
-
 #include <map>
 #include <string>
 #include <vector>
@@ -35,7 +33,7 @@ class FaultMatrix : public ::testing::Test {
  protected:
   void SetUp() override {
     WriteFile(design(), ReadFile(SampleDesign()));
-    ASSERT_EQ(mkdir(outDir().c_str(), 0777), 0);
+    ASSERT_TRUE(MakeDirectory(outDir()));
     WriteFile(archive(), "the archive of an earlier run");
     WriteFile(dir / "out/notes.txt", "the user's own notes");
     outBefore = Snapshot(outDir());

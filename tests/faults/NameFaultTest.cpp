@@ -40,11 +40,11 @@ std::vector<std::string> Repeated(const std::vector<std::pair<std::string, int>>
 //   cannot be added: its pieces name no file and are skipped.
 TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   // A backslash before a quote, and one at the end of the design's name,
-  // test the escapes of the child's argument split.
-  const std::string odd = dir / "-odd dir, \\\"q\" 's' ü";
-  ASSERT_EQ(mkdir(odd.c_str(), 0777), 0);
-  const std::string designName = "-my design, \"v2\" é.mcm\\";
-  const std::string added = "-notes \"a\" 's' ü.csv";
+  // test the escapes of the child's argument split where names hold them.
+  const std::string odd = dir / FileName("-odd dir, \\\"q\" 's' ü");
+  ASSERT_TRUE(MakeDirectory(odd));
+  const std::string designName = FileName("-my design, \"v2\" é.mcm\\");
+  const std::string added = FileName("-notes \"a\" 's' ü.csv");
   WriteFile(odd + "/" + designName, ReadFile(design()));
   WriteFile(odd + "/" + added, "net,length\n");
   WriteFile(odd + "/x,y.csv", "never packed\n");
@@ -52,14 +52,14 @@ TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   // Relative paths, from inside the odd directory.
   LaunchOptions inside;
   inside.cwd = odd;
-  const std::string archiveName = "-out, \"x\" ü.vlx";
+  const std::string archiveName = FileName("-out, \"x\" ü.vlx");
   ProgramRun zip({"-z", "-add", added + ",x,y.csv", designName, archiveName}, inside);
   ExpectCleanSuccess(zip);
   EXPECT_EQ(WorkingDirs(odd), std::vector<std::string>{});
   const std::vector<std::string> names = ArchiveNames(odd + "/" + archiveName);
   ASSERT_FALSE(names.empty());
   for (const std::string& name : names)
-    EXPECT_EQ(name.rfind(odd.substr(1) + "/extract", 0), 0u) << name;
+    EXPECT_EQ(name.rfind(WithoutRoot(odd) + "/extract", 0), 0u) << name;
   const std::vector<std::string> leaves = ArchiveLeaves(odd + "/" + archiveName);
   for (const std::string& leaf : {std::string("conn.txt"), std::string("layer.txt"), added})
     EXPECT_TRUE(std::binary_search(leaves.begin(), leaves.end(), leaf)) << leaf;
@@ -67,8 +67,8 @@ TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   EXPECT_EQ(ArchiveEntry(odd + "/" + archiveName, added), "net,length\n");
 
   // Moved into an odd output directory, given by absolute paths.
-  const std::string views = dir / "-views, \"q\" ü";
-  ASSERT_EQ(mkdir(views.c_str(), 0777), 0);
+  const std::string views = dir / FileName("-views, \"q\" ü");
+  ASSERT_TRUE(MakeDirectory(views));
   ProgramRun move({"-cell", odd + "/" + designName, views});
   ExpectCleanSuccess(move);
   EXPECT_EQ(ListDir(views), kCellFiles);

@@ -5,10 +5,7 @@
 
 #ifdef _WIN32
 #include <windows.h>
-// After windows.h, which it needs.
-#include <tlhelp32.h>
 #else
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 #endif
@@ -62,43 +59,6 @@ inline std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
 }
 
 #ifdef _WIN32
-// The processes of the tree that `group` started: it and its descendants
-// (a process keeps its parent's id after the parent ended). Ended processes
-// are gone on Windows, so `liveOnly` changes nothing.
-inline std::vector<int> ProcessesInGroup(int group, bool = false) {
-  std::vector<std::pair<int, int>> parents;  // (pid, parent pid)
-  const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
-  PROCESSENTRY32W entry = {};
-  entry.dwSize = sizeof entry;
-  for (BOOL more = Process32FirstW(snapshot, &entry); more; more = Process32NextW(snapshot, &entry))
-    parents.emplace_back(static_cast<int>(entry.th32ProcessID),
-                         static_cast<int>(entry.th32ParentProcessID));
-  CloseHandle(snapshot);
-  std::vector<int> members;
-  for (const auto& [pid, parent] : parents)
-    if (pid == group) members.push_back(pid);
-  for (std::size_t i = 0; i < members.size(); ++i)
-    for (const auto& [pid, parent] : parents)
-      if (parent == members[i] && pid != members[i]) members.push_back(pid);
-  return members;
-}
-
-// Whether the process still exists.
-inline bool ProcessExists(int pid) {
-  const HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
-  if (!process) return false;
-  const bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
-  CloseHandle(process);
-  return running;
-}
-
-// Ends the process as a crash by SIGKILL reads on POSIX: exit code 137.
-inline void KillProcess(int pid) {
-  const HANDLE process = OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid));
-  if (process) TerminateProcess(process, 128 + 9);
-  if (process) CloseHandle(process);
-}
-
 inline bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
   DWORD written = 0;
   return ::WriteFile(reinterpret_cast<HANDLE>(pipe), bytes.data(), static_cast<DWORD>(bytes.size()),
@@ -106,30 +66,6 @@ inline bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
          written == bytes.size();
 }
 #else
-// The processes whose process group is `group`; zombies too unless liveOnly.
-inline std::vector<int> ProcessesInGroup(int group, bool liveOnly = false) {
-  std::vector<int> members;
-  DIR* proc = opendir("/proc");
-  while (dirent* entry = readdir(proc)) {
-    // "pid (comm) state ppid pgrp ...": comm may hold blanks and parentheses.
-    std::ifstream statFile("/proc/" + std::string(entry->d_name) + "/stat");
-    std::string stat;
-    char state = 0;
-    int parent = 0, pgrp = 0;
-    if (std::getline(statFile, stat) &&
-        std::istringstream(stat.substr(stat.rfind(')') + 1)) >> state >> parent >> pgrp &&
-        pgrp == group && !(liveOnly && state == 'Z'))
-      members.push_back(std::atoi(entry->d_name));
-  }
-  closedir(proc);
-  return members;
-}
-
-// Whether the process still exists (a zombie, not yet reaped, does).
-inline bool ProcessExists(int pid) { return kill(pid, 0) == 0; }
-
-inline void KillProcess(int pid) { kill(pid, SIGKILL); }
-
 inline bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
   return write(static_cast<int>(pipe), bytes.data(), bytes.size()) ==
          static_cast<ssize_t>(bytes.size());
@@ -150,11 +86,6 @@ inline void UnsetEnv(const std::string& name) {
 #else
   unsetenv(name.c_str());
 #endif
-}
-
-inline bool MakeDirectory(const std::string& path) {
-  std::error_code error;
-  return std::filesystem::create_directory(std::filesystem::u8path(path), error);
 }
 
 // Makes the program `target` (named with or without ".exe") startable as

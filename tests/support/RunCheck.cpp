@@ -1,11 +1,10 @@
 #include "tests/support/RunCheck.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
 #include <zip.h>
+#ifndef _WIN32
+#include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -35,7 +34,7 @@ const char kDate[] = "Sat Nov 21 10:02:11 2026";
 
 // A file's bytes, or "" when it cannot be read (a process gone from /proc).
 std::string ReadIfAny(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(fs::u8path(path), std::ios::binary);
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
@@ -54,30 +53,6 @@ std::vector<std::string> Fields(std::string line) {
   for (std::size_t bang; (bang = line.find('!', start)) != std::string::npos; start = bang + 1)
     fields.push_back(line.substr(start, bang - start));
   return fields;
-}
-
-// Processes whose environment holds the mark and that have not ended (a
-// zombie's environment can no longer be read, so it is not found).
-std::vector<std::pair<pid_t, std::string>> MarkedProcesses(const std::string& mark) {
-  const std::string wanted = std::string(kMarkVariable) + "=" + mark;
-  std::vector<std::pair<pid_t, std::string>> found;
-  DIR* proc = opendir("/proc");
-  if (!proc) return found;
-  while (const dirent* entry = readdir(proc)) {
-    const std::string name = entry->d_name;
-    if (!OnlyFrom(name, 0, "0123456789")) continue;
-    const std::string base = "/proc/" + name;
-    // Every entry of /proc/<pid>/environ ends in a NUL byte.
-    const std::string environment = '\0' + ReadIfAny(base + "/environ");
-    if (environment.find('\0' + wanted + '\0') == std::string::npos) continue;
-    const std::string stat = ReadIfAny(base + "/stat");  // "pid (comm) state ..."
-    if (stat.compare(stat.rfind(')') + 1, 3, " Z ") == 0) continue;
-    std::string command = ReadIfAny(base + "/cmdline");
-    std::replace(command.begin(), command.end(), '\0', ' ');
-    found.emplace_back(static_cast<pid_t>(std::stoi(name)), command);
-  }
-  closedir(proc);
-  return found;
 }
 
 }  // namespace
@@ -177,8 +152,11 @@ std::vector<SimRun> ReadSimLog(const std::string& path) {
   std::istringstream lines(ReadIfAny(path));
   SimRun run;
   while (lines >> run.startNs >> run.endNs >> run.pid &&
-         std::getline(lines >> std::ws, run.control))
+         std::getline(lines >> std::ws, run.control)) {
+    // Written in text mode: on Windows each line ends in CR LF.
+    if (!run.control.empty() && run.control.back() == '\r') run.control.pop_back();
     runs.push_back(run);
+  }
   std::stable_sort(runs.begin(), runs.end(),
                    [](const SimRun& a, const SimRun& b) { return a.startNs < b.startNs; });
   return runs;
@@ -187,7 +165,7 @@ std::vector<SimRun> ReadSimLog(const std::string& path) {
 int MostAtOnce(const std::vector<SimRun>& runs) {
   // The most are under way as one starts; a run that ended at that very
   // instant does not count.
-  long most = 0;
+  std::ptrdiff_t most = 0;
   for (const SimRun& run : runs)
     most = std::max(most, std::count_if(runs.begin(), runs.end(), [&](const SimRun& other) {
                       return other.startNs <= run.startNs && run.startNs < other.endNs;
@@ -197,10 +175,11 @@ int MostAtOnce(const std::vector<SimRun>& runs) {
 
 ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions& options) {
   static std::atomic<int> counter{0};
-  mark_ = std::to_string(getpid()) + "-" + std::to_string(++counter) + "-" +
+  mark_ = std::to_string(std::random_device()()) + "-" + std::to_string(++counter) + "-" +
           std::to_string(std::random_device()());
   std::string program = BinPath("VelExtracta");
   std::string extractor = BinPath("extracta-sim");
+#ifndef _WIN32
   if (options.unprivileged && geteuid() == 0) {
     programCopy_.emplace();
     chmod(programCopy_->path().c_str(), 0755);
@@ -211,6 +190,7 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
       *copy = to;
     }
   }
+#endif
   LaunchOptions launch = options;
   launch.env = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
                 {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
@@ -225,8 +205,11 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const LaunchOptions
 ProgramRun::~ProgramRun() {
   if (!result_) Wait(0);
   // A test that failed may have left processes behind; they go with it.
-  for (const auto& [pid, command] : MarkedProcesses(mark_)) kill(pid, SIGKILL);
+  for (const auto& [pid, command] : RunProcesses(started_.pid, MarkEntry())) KillProcess(pid);
+  ReleaseProgram(started_);
 }
+
+std::string ProgramRun::MarkEntry() const { return std::string(kMarkVariable) + "=" + mark_; }
 
 const RunResult& ProgramRun::Wait(double timeoutSeconds) {
   if (!result_) result_ = WaitProgram(started_, timeoutSeconds, streams_ / "out", streams_ / "err");
@@ -235,22 +218,33 @@ const RunResult& ProgramRun::Wait(double timeoutSeconds) {
 
 std::vector<std::string> ProgramRun::Survivors() const {
   std::vector<std::string> survivors;
-  for (const auto& [pid, command] : MarkedProcesses(mark_))
+  for (const auto& [pid, command] : RunProcesses(started_.pid, MarkEntry()))
     if (pid != started_.pid) survivors.push_back(std::to_string(pid) + " " + command);
   return survivors;
 }
+
+namespace {
+
+// Nothing of the run is left. A process that a job ended may stay in the
+// Windows process list for a moment after the program has ended.
+void ExpectNoSurvivors(const ProgramRun& run) {
+  PollUntil([&] { return run.Survivors().empty(); }, kOnWindows ? 1.0 : 0.0);
+  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+}
+
+}  // namespace
 
 KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
                    LaunchOptions options) {
   static int kept = 0;
   options.env["VELTAR_EXTRACTA_DEBUG"] = "";
   options.env["EXTRACTA_SIM_LOG"] = base + "/sim.log";
-  ::unlink((base + "/sim.log").c_str());
+  std::remove((base + "/sim.log").c_str());
   ProgramRun run(args, options);
   const RunResult& result = run.Wait();  // debug traces on standard error
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_TRUE(IsPointerLine(result.out, "VLX file written: ")) << result.out;
-  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+  ExpectNoSurvivors(run);
   const std::vector<std::string> dirs = WorkingDirs(base);
   EXPECT_EQ(dirs.size(), 1u);
   if (dirs.size() != 1) return {"", {}};
@@ -267,7 +261,7 @@ void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::s
   EXPECT_TRUE(successLine ? IsPointerLine(result.out, "VLX file written: ") : result.out.empty())
       << result.out;
   EXPECT_EQ(result.err, err);
-  EXPECT_EQ(run.Survivors(), std::vector<std::string>{});
+  ExpectNoSurvivors(run);
 }
 
 std::vector<std::string> WorkingDirs(const std::string& directory) {
@@ -281,11 +275,11 @@ std::vector<std::string> WorkingDirs(const std::string& directory) {
 
 std::map<std::string, std::string> Snapshot(const std::string& directory) {
   std::map<std::string, std::string> entries;
-  const fs::path root(directory);
+  const fs::path root = fs::u8path(directory);
   for (fs::recursive_directory_iterator it(root), end; it != end; ++it) {
-    const std::string relative = it->path().string().substr(root.string().size() + 1);
+    const std::string relative = it->path().generic_u8string().substr(directory.size() + 1);
     entries[relative] =
-        fs::is_directory(it->symlink_status()) ? "<dir>" : ReadFile(it->path().string());
+        fs::is_directory(it->symlink_status()) ? "<dir>" : ReadFile(it->path().u8string());
   }
   return entries;
 }

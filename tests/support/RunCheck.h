@@ -1,11 +1,10 @@
 #pragma once
 // Running the built VelExtracta end to end, with extracta-sim standing in for
-// extracta, and looking at what a run left: its processes (found in /proc by a
-// mark in their environment, which every child and grandchild inherits), its
+// extracta, and looking at what a run left: its processes (on POSIX found in
+// /proc by a mark in their environment, which every child and grandchild
+// inherits; on Windows the program's descendants), its
 // working directories, its archive, its view files and the stand-in's run log.
 // Shared by the end-to-end, default run and fault matrix suites.
-
-#include <sys/types.h>
 
 #include <cstdint>
 #include <map>
@@ -76,7 +75,7 @@ class ProgramRun {
   ProgramRun(const ProgramRun&) = delete;
   ProgramRun& operator=(const ProgramRun&) = delete;
 
-  pid_t pid() const { return started_.pid; }
+  int pid() const { return started_.pid; }
   // Waits for the end (killing the run's process group after the time-out).
   const RunResult& Wait(double timeoutSeconds = 120);
   // The run's processes but the program itself that still run (zombies do
@@ -84,6 +83,8 @@ class ProgramRun {
   std::vector<std::string> Survivors() const;
 
  private:
+  std::string MarkEntry() const;
+
   Started started_;
   std::string mark_;
   TempDir streams_;

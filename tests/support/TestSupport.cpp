@@ -1,6 +1,11 @@
 #include "tests/support/TestSupport.h"
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include <windows.h>
+// After windows.h, which it needs.
+#include <tlhelp32.h>
+#else
+#include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
 #include <pty.h>
@@ -18,7 +23,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <sstream>
 #include <stdexcept>
@@ -54,7 +58,7 @@ TempDir::TempDir() {
   for (int attempt = 0; attempt < 100; ++attempt) {
     const fs::path candidate = base / ("veltest-" + std::to_string(random()));
     if (fs::create_directory(candidate)) {
-      path_ = candidate.generic_string();
+      path_ = candidate.generic_u8string();
       return;
     }
   }
@@ -64,12 +68,13 @@ TempDir::TempDir() {
 TempDir::~TempDir() {
   std::error_code ec;
   // Tests may leave read-only directories behind; make them removable first.
-  for (fs::recursive_directory_iterator it(path_, ec), end; !ec && it != end; it.increment(ec)) {
+  const fs::path path = fs::u8path(path_);
+  for (fs::recursive_directory_iterator it(path, ec), end; !ec && it != end; it.increment(ec)) {
     if (fs::is_directory(it->symlink_status()))
       fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
   }
-  fs::permissions(path_, fs::perms::owner_all, fs::perm_options::add, ec);
-  fs::remove_all(path_, ec);
+  fs::permissions(path, fs::perms::owner_all, fs::perm_options::add, ec);
+  fs::remove_all(path, ec);
 }
 
 ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_(std::move(name)) {
@@ -79,8 +84,10 @@ ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : name_
 
 ScopedEnv::~ScopedEnv() { SetEnv(name_, old_); }
 
+// Paths are UTF-8 text on both systems; the standard library reads narrow
+// paths in the system's code page unless told.
 std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
+  std::ifstream in(fs::u8path(path), std::ios::binary);
   if (!in) throw std::runtime_error("cannot read " + path);
   std::ostringstream text;
   text << in.rdbuf();
@@ -88,20 +95,37 @@ std::string ReadFile(const std::string& path) {
 }
 
 void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  std::ofstream out(fs::u8path(path), std::ios::binary | std::ios::trunc);
   out << bytes;
   if (!out) throw std::runtime_error("cannot write " + path);
 }
 
 bool PathExists(const std::string& path) {
   std::error_code ec;
-  return fs::exists(fs::symlink_status(path, ec));
+  return fs::exists(fs::symlink_status(fs::u8path(path), ec));
+}
+
+std::string FileName(std::string name) {
+  if (kOnWindows)
+    name.erase(
+        std::remove_if(name.begin(), name.end(), [](char c) { return c == '"' || c == '\\'; }),
+        name.end());
+  return name;
+}
+
+std::string WithoutRoot(const std::string& path) {
+  return path.substr(path.size() > 2 && path[1] == ':' ? 3 : 1);
+}
+
+bool MakeDirectory(const std::string& path) {
+  std::error_code error;
+  return fs::create_directory(fs::u8path(path), error);
 }
 
 std::vector<std::string> ListDir(const std::string& path) {
   std::vector<std::string> names;
-  for (fs::directory_iterator it(path), end; it != end; ++it)
-    names.push_back(it->path().filename().string());
+  for (fs::directory_iterator it(fs::u8path(path)), end; it != end; ++it)
+    names.push_back(it->path().filename().u8string());
   std::sort(names.begin(), names.end());
   return names;
 }
@@ -116,43 +140,176 @@ std::string BinPath(const std::string& program) {
 
 #ifdef _WIN32
 
-// Through the command interpreter, with the standard streams in the files: the
-// environment and the current directory are this process's own for the time
-// of the run, which the suites' one-test-at-a-time order allows, so the run
-// ends before StartProgram returns. A time-out is not enforced here; the test
-// runner's own limit ends a run that hangs.
+namespace {
+
+std::wstring Wide(const std::string& text) { return fs::u8path(text).wstring(); }
+std::string Narrow(const std::wstring& text) { return fs::path(text).u8string(); }
+
+// One argument as the C runtime splits a command line again: in quotes, with
+// the backslashes before a quote (or the closing one) doubled.
+std::wstring Quoted(const std::wstring& arg) {
+  std::wstring quoted = L"\"";
+  std::size_t slashes = 0;
+  for (const wchar_t c : arg) {
+    if (c == L'\\') {
+      ++slashes;
+      continue;
+    }
+    quoted.append(c == L'"' ? 2 * slashes + 1 : slashes, L'\\');
+    quoted += c;
+    slashes = 0;
+  }
+  return quoted.append(2 * slashes, L'\\') + L"\"";
+}
+
+HANDLE OpenInheritable(const std::string& path, DWORD access, DWORD disposition) {
+  SECURITY_ATTRIBUTES attributes = {sizeof attributes, nullptr, TRUE};
+  const HANDLE file = CreateFileW(Wide(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                  &attributes, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (file == INVALID_HANDLE_VALUE) throw std::runtime_error("cannot open " + path);
+  return file;
+}
+
+std::string WithoutCarriageReturns(std::string text) {
+  for (std::size_t at; (at = text.find("\r\n")) != std::string::npos;) text.erase(at, 1);
+  return text;
+}
+
+}  // namespace
+
 Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
                      const std::string& outFile, const std::string& errFile) {
-  std::string command = "\"";
-  for (const std::string& arg : argv) {
-    std::string quoted = "\"";
-    for (const char c : arg) quoted += c == '/' && &arg == &argv.front() ? '\\' : c;
-    command += quoted + "\" ";
+  std::map<std::string, std::string> variables;
+  if (wchar_t* block = GetEnvironmentStringsW()) {
+    for (const wchar_t* entry = block; *entry; entry += wcslen(entry) + 1) {
+      const std::string text = Narrow(entry);
+      // Drive entries ("=C:=C:\...") start with "=".
+      const std::size_t equals = std::min(text.find('=', 1), text.size());
+      if (text.rfind("EXTRACTA_SIM_", 0) != 0) variables[text.substr(0, equals)] = text;
+    }
+    FreeEnvironmentStringsW(block);
   }
-  command += "<NUL >\"" + outFile + "\" 2>\"" + errFile + "\"\"";
-  std::vector<std::unique_ptr<ScopedEnv>> env;
-  for (const auto& [name, value] : options.env)
-    env.push_back(std::make_unique<ScopedEnv>(name, value));
-  const fs::path before = fs::current_path();
-  if (!options.cwd.empty()) fs::current_path(options.cwd);
+  for (const auto& [name, value] : options.env) {
+    if (value)
+      variables[name] = name + "=" + *value;
+    else
+      variables.erase(name);
+  }
+  std::wstring environment, command;
+  for (const auto& [name, text] : variables) environment += Wide(text) + L'\0';
+  environment += L'\0';
+  for (const std::string& arg : argv) command += (command.empty() ? L"" : L" ") + Quoted(Wide(arg));
+  HANDLE streams[] = {OpenInheritable("NUL", GENERIC_READ, OPEN_EXISTING),
+                      OpenInheritable(outFile, GENERIC_WRITE, CREATE_ALWAYS),
+                      OpenInheritable(errFile, GENERIC_WRITE, CREATE_ALWAYS)};
+  // The program inherits its three streams and nothing else of this process.
+  SIZE_T size = 0;
+  InitializeProcThreadAttributeList(nullptr, 1, 0, &size);
+  std::vector<char> list(size);
+  STARTUPINFOEXW startup = {};
+  startup.StartupInfo.cb = sizeof startup;
+  startup.StartupInfo.dwFlags = STARTF_USESTDHANDLES;
+  startup.StartupInfo.hStdInput = streams[0];
+  startup.StartupInfo.hStdOutput = streams[1];
+  startup.StartupInfo.hStdError = streams[2];
+  startup.lpAttributeList = reinterpret_cast<LPPROC_THREAD_ATTRIBUTE_LIST>(list.data());
+  InitializeProcThreadAttributeList(startup.lpAttributeList, 1, 0, &size);
+  UpdateProcThreadAttribute(startup.lpAttributeList, 0, PROC_THREAD_ATTRIBUTE_HANDLE_LIST, streams,
+                            sizeof streams, nullptr, nullptr);
+  const std::wstring cwd = Wide(options.cwd);
+  PROCESS_INFORMATION process = {};
+  const bool created = CreateProcessW(
+      fs::u8path(argv.at(0)).make_preferred().c_str(), &command[0], nullptr, nullptr, TRUE,
+      CREATE_UNICODE_ENVIRONMENT | CREATE_NEW_PROCESS_GROUP | EXTENDED_STARTUPINFO_PRESENT,
+      &environment[0], cwd.empty() ? nullptr : cwd.c_str(), &startup.StartupInfo, &process);
+  DeleteProcThreadAttributeList(startup.lpAttributeList);
+  for (HANDLE handle : streams) CloseHandle(handle);
+  if (!created) throw std::runtime_error("cannot start " + argv[0]);
+  CloseHandle(process.hThread);
   Started started;
-  started.exitCode = std::system(command.c_str());
-  fs::current_path(before);
+  started.pid = static_cast<int>(process.dwProcessId);
+  started.process = process.hProcess;
   return started;
 }
 
-RunResult WaitProgram(Started& started, double, const std::string& outFile,
+RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
                       const std::string& errFile) {
   RunResult result;
-  result.exitCode = started.exitCode;
-  result.out = PathExists(outFile) ? ReadFile(outFile) : "";
-  result.err = PathExists(errFile) ? ReadFile(errFile) : "";
+  const HANDLE process = started.process;
+  if (WaitForSingleObject(process, static_cast<DWORD>(timeoutSeconds * 1000)) == WAIT_TIMEOUT) {
+    result.timedOut = true;
+    for (int pid : ProcessesInGroup(started.pid)) KillProcess(pid);
+    WaitForSingleObject(process, INFINITE);
+  }
+  DWORD code = 0;
+  GetExitCodeProcess(process, &code);
+  result.exitCode = static_cast<int>(code);
+  result.out = WithoutCarriageReturns(PathExists(outFile) ? ReadFile(outFile) : "");
+  result.err = WithoutCarriageReturns(PathExists(errFile) ? ReadFile(errFile) : "");
   return result;
+}
+
+void ReleaseProgram(Started& started) {
+  if (started.process) CloseHandle(started.process);
+  started.process = nullptr;
+}
+
+std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::string&) {
+  std::vector<std::pair<int, std::string>> found;
+  std::vector<std::pair<DWORD, DWORD>> parents;  // (pid, parent pid)
+  std::map<DWORD, std::string> names;
+  const HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+  PROCESSENTRY32W entry = {};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Process32FirstW(snapshot, &entry); more;
+       more = Process32NextW(snapshot, &entry)) {
+    parents.emplace_back(entry.th32ProcessID, entry.th32ParentProcessID);
+    names[entry.th32ProcessID] = Narrow(entry.szExeFile);
+  }
+  CloseHandle(snapshot);
+  // The root's descendants are found after it has ended too.
+  std::vector<DWORD> tree = {static_cast<DWORD>(root)};
+  for (std::size_t i = 0; i < tree.size(); ++i)
+    for (const auto& [pid, parent] : parents)
+      if (parent == tree[i] && pid != tree[i]) tree.push_back(pid);
+  for (DWORD pid : tree)
+    if (names.count(pid)) found.emplace_back(static_cast<int>(pid), names[pid]);
+  return found;
+}
+
+std::vector<int> ProcessesInGroup(int group, bool) {
+  std::vector<int> members;
+  for (const auto& [pid, name] : RunProcesses(group, "")) members.push_back(pid);
+  return members;
+}
+
+bool ProcessExists(int pid) {
+  const HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(pid));
+  if (!process) return false;
+  const bool running = WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+  CloseHandle(process);
+  return running;
+}
+
+bool SendSignal(int pid, int signal) {
+  const HANDLE process =
+      signal == SIGKILL ? OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid)) : nullptr;
+  const bool sent = process && TerminateProcess(process, 128 + SIGKILL);
+  if (process) CloseHandle(process);
+  return sent;
 }
 
 #else
 
 namespace {
+
+// A file's bytes, or "" when it cannot be read (a process gone from /proc).
+std::string ReadIfAny(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
 
 // What the terminal received since the last look (its master side does not block).
 void ReadTerminal(int terminal, std::string& shown) {
@@ -256,12 +413,60 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
   return result;
 }
 
+std::vector<std::pair<int, std::string>> RunProcesses(int, const std::string& mark) {
+  std::vector<std::pair<int, std::string>> found;
+  DIR* proc = opendir("/proc");
+  if (!proc) return found;
+  while (const dirent* entry = readdir(proc)) {
+    const std::string name = entry->d_name;
+    if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+    const std::string base = "/proc/" + name;
+    // Every entry of /proc/<pid>/environ ends in a NUL byte; a zombie's
+    // environment can no longer be read, so it is not found.
+    const std::string environment = '\0' + ReadIfAny(base + "/environ");
+    if (environment.find('\0' + mark + '\0') == std::string::npos) continue;
+    const std::string stat = ReadIfAny(base + "/stat");  // "pid (comm) state ..."
+    if (stat.compare(stat.rfind(')') + 1, 3, " Z ") == 0) continue;
+    std::string command = ReadIfAny(base + "/cmdline");
+    std::replace(command.begin(), command.end(), '\0', ' ');
+    found.emplace_back(std::stoi(name), command);
+  }
+  closedir(proc);
+  return found;
+}
+
+std::vector<int> ProcessesInGroup(int group, bool liveOnly) {
+  std::vector<int> members;
+  DIR* proc = opendir("/proc");
+  while (dirent* entry = readdir(proc)) {
+    // "pid (comm) state ppid pgrp ...": comm may hold blanks and parentheses.
+    std::istringstream statFile(ReadIfAny("/proc/" + std::string(entry->d_name) + "/stat"));
+    std::string stat;
+    char state = 0;
+    int parent = 0, pgrp = 0;
+    if (std::getline(statFile, stat) &&
+        std::istringstream(stat.substr(stat.rfind(')') + 1)) >> state >> parent >> pgrp &&
+        pgrp == group && !(liveOnly && state == 'Z'))
+      members.push_back(std::atoi(entry->d_name));
+  }
+  closedir(proc);
+  return members;
+}
+
+bool ProcessExists(int pid) { return kill(pid, 0) == 0; }
+
+void ReleaseProgram(Started&) {}
+
+bool SendSignal(int pid, int signal) { return kill(pid, signal) == 0; }
+
 #endif
 
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options) {
   const TempDir streams;
   Started started = StartProgram(argv, options, streams / "out", streams / "err");
-  return WaitProgram(started, options.timeoutSeconds, streams / "out", streams / "err");
+  RunResult result = WaitProgram(started, options.timeoutSeconds, streams / "out", streams / "err");
+  ReleaseProgram(started);
+  return result;
 }
 
 bool PollUntil(const std::function<bool()>& condition, double seconds) {

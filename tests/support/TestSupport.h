@@ -2,13 +2,36 @@
 // Helpers shared by the test suites: scratch directories, files, environment
 // overrides, and running a built program with its output captured.
 
+#include <csignal>
 #include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
+#ifdef _WIN32
+// The POSIX signals tests name that Windows lacks: sending SIGKILL ends a
+// process there as well; the cases sending any other are skipped.
+#ifndef SIGHUP
+#define SIGHUP 1
+#endif
+#ifndef SIGKILL
+#define SIGKILL 9
+#endif
+// Skips the test (where GoogleTest is included) on Windows, saying why.
+#define VEL_SKIP_ON_WINDOWS(reason) GTEST_SKIP() << "POSIX only: " << (reason)
+#else
+#define VEL_SKIP_ON_WINDOWS(reason) static_cast<void>(0)
+#endif
+
 namespace veltest {
+
+#ifdef _WIN32
+constexpr bool kOnWindows = true;
+#else
+constexpr bool kOnWindows = false;
+#endif
 
 // A fresh directory under the system's temporary directory, removed with
 // everything in it when the object goes.
@@ -41,6 +64,14 @@ class ScopedEnv {
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 bool PathExists(const std::string& path);
+// True when the directory was made (it did not exist).
+bool MakeDirectory(const std::string& path);
+// A file name as the system allows it: on Windows without the double quotes
+// and backslashes it cannot hold.
+std::string FileName(std::string name);
+// An absolute path without its root ("/", or a drive and "/" on Windows), as
+// archives name their entries.
+std::string WithoutRoot(const std::string& path);
 // Names of the entries of a directory (top level), sorted.
 std::vector<std::string> ListDir(const std::string& path);
 
@@ -71,24 +102,44 @@ struct RunOptions {
   bool outputOnTerminal = false;  // standard output there too
 };
 
-// A started program: its process id, also its process group's; the
-// pseudo-terminal's master side (-1: none); on Windows, where the run has
-// ended when StartProgram returns, its exit status.
+// A started program: its process id, also its process group's on POSIX; the
+// pseudo-terminal's master side (-1: none); on Windows its process handle.
 struct Started {
   int pid = -1;
   int terminal = -1;
-  int exitCode = -1;
+  void* process = nullptr;
 };
 
 // The one launcher: starts argv[0] (a path) in a process group of its own,
-// standard input from /dev/null, standard output and error into the files.
+// standard input from the null device, standard output and error into the
+// files. On Windows the result's texts have CR LF line ends turned into LF,
+// as the standard streams there are in text mode.
 Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
                      const std::string& outFile, const std::string& errFile);
 // Waits for a started program, killing its process group after the time-out.
 RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
                       const std::string& errFile);
-// Starts and waits.
+// Lets the system forget a waited-for program: on Windows its id, held until
+// then, may name another process afterwards.
+void ReleaseProgram(Started& started);
+// Starts, waits and releases.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
+
+// Processes not yet ended, as (pid, command line; on Windows program name):
+// on POSIX those whose environment holds `mark` ("NAME=value", inherited by
+// every child), on Windows `root` and its descendants (a process keeps its
+// parent's id after the parent ended).
+std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::string& mark);
+// The processes of the tree `group` started: on POSIX its process group,
+// zombies too unless liveOnly; on Windows, where ended processes are gone,
+// RunProcesses' ids.
+std::vector<int> ProcessesInGroup(int group, bool liveOnly = false);
+// Whether the process still exists (on POSIX a zombie, not yet reaped, does).
+bool ProcessExists(int pid);
+// Sends the signal; on Windows only SIGKILL, as TerminateProcess with the exit
+// code a SIGKILL shows on POSIX (137). True when it was sent.
+bool SendSignal(int pid, int signal);
+inline void KillProcess(int pid) { SendSignal(pid, SIGKILL); }
 
 // Polls the condition every few milliseconds for at most `seconds`.
 bool PollUntil(const std::function<bool()>& condition, double seconds);

@@ -40,7 +40,7 @@ class ExtractaSim : public ::testing::Test {
  protected:
   void SetUp() override {
     dir_ = dir.path() + "/design dir";
-    ASSERT_EQ(::mkdir(dir_.c_str(), 0755), 0);
+    ASSERT_TRUE(veltest::MakeDirectory(dir_));
     design = dir_ + "/hand.mcm";
     WriteFile(design, std::string(kJob) + kDesignTables);
     control = dir_ + "/extracta_control_connGND.txt";
