@@ -17,6 +17,8 @@ namespace {
 
 // The exit code of a child ended from here.
 constexpr UINT kTerminatedExitCode = 1;
+// How long ending a child may take before it is asked again, and then given up.
+constexpr DWORD kEndWaitMilliseconds = 5000;
 
 struct ChildProcess {
   HANDLE process = nullptr;
@@ -233,7 +235,13 @@ int VeltTerminateProcessTree(VeltProcessHandle handle) {
     TerminateJobObject(child->job, kTerminatedExitCode);
   else if (!HasEnded(*child))
     TerminateProcess(child->process, kTerminatedExitCode);
-  WaitForSingleObject(child->process, INFINITE);
+  // A process still being started may miss the job's end (seen under wine):
+  // it is asked directly too, and no wait here is without limit, so a child
+  // that will not end cannot hang the run.
+  if (WaitForSingleObject(child->process, kEndWaitMilliseconds) == WAIT_TIMEOUT) {
+    TerminateProcess(child->process, kTerminatedExitCode);
+    WaitForSingleObject(child->process, kEndWaitMilliseconds);
+  }
   if (!child->ended) RecordEnd(*child);
   if (child->job) {
     // Ending a job is asynchronous: wait until its processes are gone.
