@@ -43,7 +43,7 @@ void ConnectivityMerge::add(const AString& piecePath) {
   const Header header = readHeader(piece);
   if (first_) {
     const std::string lines = WithLineEnd(header.lines[0]) + WithLineEnd(header.lines[1]);
-    write(lines.data(), lines.size());
+    append(lines.data(), lines.size());
     first_ = false;
   }
   if (header.readError) {
@@ -52,7 +52,7 @@ void ConnectivityMerge::add(const AString& piecePath) {
         AString(L"createExtractaControlFileAndViewsMP missing header in file ") + piecePath);
   }
 
-  write(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
+  append(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
   if (!header.pieceEnded && !failed_ && !out_.CopyFrom(piece, bytes_)) {
     failed_ = true;
     trace("cannot copy a piece", out_.Error());
@@ -103,7 +103,7 @@ ConnectivityMerge::Header ConnectivityMerge::readHeader(VeltInputFile& piece) {
   }
 }
 
-void ConnectivityMerge::write(const char* data, std::size_t size) {
+void ConnectivityMerge::append(const char* data, std::size_t size) {
   if (failed_ || size == 0) return;
   if (out_.Write(data, size)) {
     bytes_ += size;

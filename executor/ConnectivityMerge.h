@@ -41,7 +41,7 @@ class ConnectivityMerge {
   };
 
   Header readHeader(VeltInputFile& piece);
-  void write(const char* data, std::size_t size);
+  void append(const char* data, std::size_t size);
   void trace(const char* what, int error) const;
 
   VeltOutputFile out_;
