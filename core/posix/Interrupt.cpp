@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cerrno>
 
-#include "core/ExtractaParserException.h"
+#include "core/InterruptState.h"
 #include "core/posix/ChildGroups.h"
 
 namespace velt_posix {
@@ -68,16 +68,7 @@ int InterruptWakeHandle() { return wakeEnds[0].load(); }
 
 namespace {
 
-std::atomic<int> pendingSignal{0};
-
-void DrainWakeUps() {
-  const int wake = velt_posix::InterruptWakeHandle();
-  char bytes[64];
-  while (wake >= 0 && read(wake, bytes, sizeof bytes) > 0) {
-  }
-}
-
-static_assert(std::atomic<int>::is_always_lock_free, "the signal handler writes it");
+using velt_interrupt::pendingSignal;
 
 void OnInterrupt(int signal) {
   const int savedErrno = errno;
@@ -120,20 +111,9 @@ void InstallInterruptHandlers() {
   for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
-bool InterruptRequested() { return pendingSignal.load() != 0; }
-
-int InterruptSignal() { return pendingSignal.load(); }
-
-std::string InterruptMessage(int signal) {
-  return "interrupted by signal " + std::to_string(signal);
-}
-
-void ThrowIfInterrupted() {
-  const int signal = pendingSignal.load();
-  if (signal != 0) throw ExtractaParserException(InterruptMessage(signal));
-}
-
-void ClearInterruptRequest() {
-  pendingSignal.store(0);
-  DrainWakeUps();
+void velt_interrupt::ForgetWakeUps() {
+  const int wake = velt_posix::InterruptWakeHandle();
+  char bytes[64];
+  while (wake >= 0 && read(wake, bytes, sizeof bytes) > 0) {
+  }
 }

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <vector>
 
-#include "core/ExtractaParserException.h"
+#include "core/InterruptState.h"
 #include "core/win32/ChildJobs.h"
 
 #ifndef SIGBREAK
@@ -50,7 +50,7 @@ HANDLE InterruptWakeEvent() { return wakeEvent.load(); }
 
 namespace {
 
-std::atomic<int> pendingSignal{0};
+using velt_interrupt::pendingSignal;
 
 int SignalFor(DWORD event) {
   switch (event) {
@@ -89,20 +89,6 @@ void InstallInterruptHandlers() {
   }
 }
 
-bool InterruptRequested() { return pendingSignal.load() != 0; }
-
-int InterruptSignal() { return pendingSignal.load(); }
-
-std::string InterruptMessage(int signal) {
-  return "interrupted by signal " + std::to_string(signal);
-}
-
-void ThrowIfInterrupted() {
-  const int signal = pendingSignal.load();
-  if (signal != 0) throw ExtractaParserException(InterruptMessage(signal));
-}
-
-void ClearInterruptRequest() {
-  pendingSignal.store(0);
+void velt_interrupt::ForgetWakeUps() {
   if (HANDLE wake = velt_win32::InterruptWakeEvent()) ResetEvent(wake);
 }
