@@ -11,14 +11,14 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/RunCheck.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
 using namespace veltest;
 
-LaunchOptions Keeping() {
-  LaunchOptions options;
+RunOptions Keeping() {
+  RunOptions options;
   options.env["VELTAR_EXTRACTA_DEBUG"] = "";
   return options;
 }
@@ -54,7 +54,7 @@ TEST(DeliveryRunTest, ACellRunIsZippedIntoOneReadableArchive) {
   TempDir dir, out;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
   MakeDirectory(dir / "sub");
-  LaunchOptions options;
+  RunOptions options;
   options.cwd = dir / "sub";
   // A relative design path with ".." in it: entry names stay absolute and clean.
   ProgramRun run({"-cell", "-z", "../pkg.mcm", out / "pkg.vlx"}, options);
@@ -117,7 +117,7 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path not a directory: beside the design, with every file.
   TempDir dir, out, target, here;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  LaunchOptions east = Keeping();
+  RunOptions east = Keeping();
   east.env["TZ"] = "XST-9";  // nine hours east of UTC
   const long before = static_cast<long>(std::time(nullptr));
   ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
@@ -142,7 +142,7 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
 
   // A design named without a directory: in the current directory.
   WriteFile(here / "bare.mcm", ReadFile(SampleDesign()));
-  LaunchOptions inHere = Keeping();
+  RunOptions inHere = Keeping();
   inHere.cwd = here.path();
   ProgramRun bare({"-cell", "-z", "bare.mcm", out / "bare.vlx"}, inHere);
   ASSERT_EQ(bare.Wait().exitCode, 0) << bare.Wait().err;
@@ -177,7 +177,7 @@ TEST(TerminalRunTest, AStatusLineShowsOnATerminalOnly) {
   const std::string erase = "\x1b[K";
   for (std::size_t i = 0; i < cases.size(); ++i) {
     SCOPED_TRACE(i);
-    LaunchOptions options;
+    RunOptions options;
     options.env = cases[i].env;
     options.terminalColumns = cases[i].columns;
     options.outputOnTerminal = cases[i].outputOnTerminal;

@@ -24,7 +24,7 @@
 #include "core/AString.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
-#include "tests/support/RunCheck.h"
+#include "tests/support/TestSupport.h"
 #include "views/ViewTypes.h"
 
 namespace {

@@ -1,8 +1,10 @@
 #pragma once
 // Helpers shared by the test suites: scratch directories, files, environment
-// overrides, and running a built program with its output captured.
+// overrides, running a built program with its output captured, and running
+// VelExtracta end to end and looking at what a run left.
 
 #include <csignal>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -48,13 +50,14 @@ class TempDir {
   std::string path_;
 };
 
+// Sets (or, with nullopt, unsets) an environment variable.
+void SetEnv(const std::string& name, const std::optional<std::string>& value);
+
 // Sets (or, with nullopt, unsets) an environment variable while it lives.
 class ScopedEnv {
  public:
   ScopedEnv(std::string name, std::optional<std::string> value);
   ~ScopedEnv();
-  ScopedEnv(const ScopedEnv&) = delete;
-  ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
   std::string name_;
@@ -94,7 +97,9 @@ struct RunOptions {
   // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
   // stays, so a child may raise its own soft limit again.
   long long fileSizeLimit = 0;
-  bool unprivileged = false;  // as the user "nobody" (when run as root)
+  // As the user "nobody" (when run as root); ProgramRun then runs copies of
+  // the program and extracta-sim that "nobody" can reach.
+  bool unprivileged = false;
   // Above 0: standard error on a pseudo-terminal this many columns wide (no
   // output processing, so its bytes arrive as written); what it showed is the
   // run's `err`.
@@ -110,32 +115,13 @@ struct Started {
   void* process = nullptr;
 };
 
-// The one launcher: starts argv[0] (a path) in a process group of its own,
-// standard input from the null device, standard output and error into the
-// files. On Windows the result's texts have CR LF line ends turned into LF,
-// as the standard streams there are in text mode.
-Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
-                     const std::string& outFile, const std::string& errFile);
-// Waits for a started program, killing its process group after the time-out.
-RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
-                      const std::string& errFile);
-// Lets the system forget a waited-for program: on Windows its id, held until
-// then, may name another process afterwards.
-void ReleaseProgram(Started& started);
 // Starts, waits and releases.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// Processes not yet ended, as (pid, command line; on Windows program name):
-// on POSIX those whose environment holds `mark` ("NAME=value", inherited by
-// every child), on Windows `root` and its descendants (a process keeps its
-// parent's id after the parent ended).
-std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::string& mark);
 // The processes of the tree `group` started: on POSIX its process group,
 // zombies too unless liveOnly; on Windows, where ended processes are gone,
 // RunProcesses' ids.
 std::vector<int> ProcessesInGroup(int group, bool liveOnly = false);
-// Whether the process still exists (on POSIX a zombie, not yet reaped, does).
-bool ProcessExists(int pid);
 // Sends the signal; on Windows only SIGKILL, as TerminateProcess with the exit
 // code a SIGKILL shows on POSIX (137). True when it was sent.
 bool SendSignal(int pid, int signal);
@@ -143,5 +129,125 @@ inline void KillProcess(int pid) { SendSignal(pid, SIGKILL); }
 
 // Polls the condition every few milliseconds for at most `seconds`.
 bool PollUntil(const std::function<bool()>& condition, double seconds);
+
+// Running the built VelExtracta end to end, with extracta-sim standing in for
+// extracta, and looking at what a run left: its processes (on POSIX found in
+// /proc by a mark in their environment, which every child and grandchild
+// inherits; on Windows the program's descendants), its working directories,
+// its archive, its view files and the stand-in's run log.
+
+// The views of the default set other than conn, in the set's order, and the
+// files a cell run delivers (its views and its control file), sorted.
+inline const std::vector<std::string> kOtherStandardViews = {
+    "layer",     "paddef",  "fullgeo",      "diestack",  "net",
+    "component", "outline", "compositepad", "logicalpin"};
+inline const std::vector<std::string> kCellFiles = {"cconn.txt", "cfullgeo.txt", "diestack.txt",
+                                                    "extracta_control.txt", "layer.txt"};
+
+// A design from make-design in `directory`; the sample design (seed 5, 300
+// connectivity records) is made once per test program.
+const std::string& SampleDesign();
+std::string MakeDesign(const std::string& directory, int seed, int connRecords);
+
+// A copy of `design` at `path` whose connectivity table holds exactly one
+// record per (net, class) pair given, in order, every other field empty except
+// a record tag that tells the records apart.
+using NetClass = std::pair<std::string, std::string>;
+std::string WithConnectivity(const std::string& design, const std::string& path,
+                             const std::vector<NetClass>& records);
+// The view file of one extracta-sim run on a control file for the plain
+// connectivity view (all nets): what a default run's conn.txt must hold.
+std::string PlainConnectivity(const std::string& design, const std::string& scratchDir);
+
+// View files: the lines (each with its line end), the first two lines and the
+// rest, the S records sorted (to compare as multisets), one field's values.
+std::vector<std::string> Lines(const std::string& bytes);
+struct ViewParts {
+  std::string header, body;
+};
+ViewParts SplitHeader(const std::string& bytes);
+std::vector<std::string> SortedRecords(const std::string& bytes);
+std::vector<std::string> FieldValues(const std::string& bytes, const std::string& field);
+
+// The stand-in's run log (EXTRACTA_SIM_LOG), one line a run, read in the order
+// the runs started; the most runs under way at one moment.
+struct SimRun {
+  uint64_t startNs = 0, endNs = 0;
+  int pid = 0;
+  std::string control;  // control file name, no directory
+};
+std::vector<SimRun> ReadSimLog(const std::string& path);
+int MostAtOnce(const std::vector<SimRun>& runs);
+
+// One run of VelExtracta, started in the background. Unless the options say
+// otherwise extracta-sim is the extractor, no fault is injected, no run log is
+// written, the debug variable is unset and the extraction date is fixed.
+class ProgramRun {
+ public:
+  ProgramRun(const std::vector<std::string>& args, const RunOptions& options = {});
+  ~ProgramRun();
+
+  int pid() const { return started_.pid; }
+  // Waits for the end (killing the run's process group after the time-out).
+  const RunResult& Wait(double timeoutSeconds = 120);
+  // The run's processes but the program itself that still run (zombies do
+  // not count), as "pid command line" texts.
+  std::vector<std::string> Survivors() const;
+
+ private:
+  std::string MarkEntry() const;
+
+  Started started_;
+  std::string mark_;
+  TempDir streams_;
+  std::optional<TempDir> programCopy_;
+  std::optional<RunResult> result_;
+};
+
+// One run with its working directory kept (debug on) and the stand-in's run
+// log in `base`/sim.log: checks that it succeeded with the success line alone
+// on standard output and left no process, then moves the one working
+// directory it left in `base` out of the next run's way; its new path (with a
+// "/", "" when the run left none) and the runs the log lists.
+struct KeptRun {
+  std::string workDir;
+  std::vector<SimRun> runs;
+};
+KeptRun RunKeeping(const std::string& base, const std::vector<std::string>& args,
+                   RunOptions options = {});
+
+// Waits for the run and checks its outcome: not timed out, the exit code, on
+// standard output the one success line ("VLX file written: " and a pointer
+// value) or nothing, standard error exactly `err`, and no process of the run
+// left.
+void ExpectOutcome(ProgramRun& run, int exitCode, bool successLine, const std::string& err);
+// True when the text is exactly the label, a pointer value ("0x" and
+// hexadecimal digits) and a line feed.
+bool IsPointerLine(const std::string& text, const std::string& label);
+
+// The entries "extract" + run number of a directory; every file (relative
+// path -> bytes) and directory (-> "<dir>") under one, to compare before and
+// after a run.
+std::vector<std::string> WorkingDirs(const std::string& directory);
+std::map<std::string, std::string> Snapshot(const std::string& directory);
+
+// A zip archive read back through the library, every entry checked: entry
+// name -> bytes and compression method (empty, with a failed expectation,
+// when damaged); the entry names, sorted; their file name parts, sorted; the
+// bytes of the one entry named `leaf`.
+struct ArchiveFile {
+  std::string data;
+  int method = 0;
+};
+std::map<std::string, ArchiveFile> ReadArchive(const std::string& archive);
+std::vector<std::string> ArchiveNames(const std::string& archive);
+std::vector<std::string> ArchiveLeaves(const std::string& archive);
+std::string ArchiveEntry(const std::string& archive, const std::string& leaf);
+std::string Leaf(const std::string& path);
+
+// An executable shell script `directory`/`name` that runs extracta-sim with
+// the run's arguments after the `before` commands and then the `after` ones.
+std::string WrappedExtractor(const std::string& directory, const std::string& name,
+                             const std::string& before, const std::string& after = "");
 
 }  // namespace veltest

@@ -1,33 +1,107 @@
-// Packaging from the working directory's listing (which files a filter lets
-// through into the archive or the output directory, what a move replaces,
-// added files, how failures are reported), and the zip writer under it. A
-// full disk while the archive is written is shown end to end
-// (tests/faults/FileSystemFaultTest.cpp).
+// ExtractaExecutor: the working directory's replacement and removal, and a
+// clash with another run's; packaging from the working directory's listing
+// (which files a filter lets through into the archive or the output
+// directory, what a move replaces, added files), the background packer, and
+// the zip writer under it. The one-process run and its failures, and a full
+// disk while the archive is written, are shown end to end (tests/e2e,
+// tests/faults).
 
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zip.h>
 
+#include <ctime>
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <zip.h>
 
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
 #include "executor/BackgroundPacker.h"
 #include "executor/ExtractaExecutor.h"
-#include "tests/support/RunCheck.h"
+#include "tests/support/TestSupport.h"
 
 namespace {
 
-using veltest::ArchiveNames;
-using veltest::ListDir;
-using veltest::PathExists;
-using veltest::ReadArchive;
-using veltest::ReadFile;
-using veltest::WriteFile;
+using namespace veltest;
+
+// Seconds since 1970 of the local wall clock now.
+long LocalSecondsNow() {
+  const time_t now = std::time(nullptr);
+  tm utc = *std::gmtime(&now);
+  utc.tm_isdst = -1;  // the local offset at that moment, summer time included
+  return static_cast<long>(now + (now - std::mktime(&utc)));
+}
+
+// Every test starts without the debug variable: the executor removes its
+// working directory when destroyed.
+class ExecutorTest : public ::testing::Test {
+ protected:
+  ScopedEnv debug{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
+  TempDir base;
+};
+
+// The local clock's number names the directory (end to end, with a time zone:
+// tests/e2e). The debug variable is read when the executor goes: defined
+// then, whatever its value, it keeps the directory.
+TEST_F(ExecutorTest, WorkingDirIsReplacedAndRemovedUnlessDebugging) {
+  for (const bool debug : {true, false}) {
+    {
+      std::optional<ScopedEnv> keep;
+      ExtractaExecutor executor;
+      EXPECT_TRUE(executor.deleteWorkingDir()) << "a fresh executor has nothing to remove";
+      // With or without the base's separator, none is doubled; a new working
+      // directory replaces the previous one.
+      for (const char* separator : {"/", ""}) {
+        ASSERT_TRUE(executor.createWorkingDir(AString(base.path() + separator)));
+        const std::vector<std::string> names = ListDir(base.path());
+        ASSERT_EQ(names.size(), 1u);
+        EXPECT_EQ(VEL_ANSI(executor.getWorkingDir().FilePath()), base / names[0] + "/");
+        WriteFile(base / names[0] + "/layer.txt", "S!1!\r\n");
+      }
+      if (debug) keep.emplace("VELTAR_EXTRACTA_DEBUG", "0");
+    }
+    EXPECT_EQ(ListDir(base.path()).size(), debug ? 1u : 0u);
+    std::filesystem::remove_all(base.path() + "/");
+    MakeDirectory(base.path());
+  }
+}
+
+// Two runs on one base in one second compute the same name. The later one
+// fails, and neither it nor its destructor touches the earlier run's files.
+TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
+  // The earlier run's directories for every second this test may take.
+  const long now = LocalSecondsNow();
+  for (long n = now - 1; n <= now + 30; ++n) {
+    const std::string dir = base / ("extract" + std::to_string(n));
+    MakeDirectory(dir);
+    WriteFile(dir + "/layer.txt", "S!earlier!\r\n");
+  }
+  const auto earlier = ListDir(base.path());
+  {
+    ScopedAssertCapture capture;
+    ExtractaExecutor executor;
+    EXPECT_FALSE(executor.createWorkingDir(AString(base.path())));
+    EXPECT_TRUE(
+        capture.Saw("ExtractaExecutor",
+                    "!\"VelLinkServer::createExtractaViews, could not create working directory\""));
+    // The name that could not be created stays the executor's working directory.
+    const std::string clash = VEL_ANSI(executor.getWorkingDir().FilePath());
+    EXPECT_EQ(clash.rfind(base.path() + "/extract", 0), 0u) << clash;
+    EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
+              "Could not create working directory at \"" + clash + "\"");
+    EXPECT_TRUE(executor.deleteWorkingDir());
+    EXPECT_EQ(ReadFile(clash + "layer.txt"), "S!earlier!\r\n");
+  }
+  EXPECT_EQ(ListDir(base.path()), earlier);
+  for (const auto& name : earlier)
+    EXPECT_EQ(ReadFile(base / name + "/layer.txt"), "S!earlier!\r\n");
+}
+
 using Names = std::vector<std::string>;
 
 // Whether an entry's data ends as joined segments end: a sync flush's empty
@@ -60,19 +134,19 @@ class PackagingTest : public testing::Test {
     WriteFile(work_ + "notes.TXT", "kept back");
     WriteFile(work_ + "README", "no extension");
     WriteFile(work_ + ".txt", "all extension");
-    veltest::MakeDirectory(work_ + "extra");
+    MakeDirectory(work_ + "extra");
     WriteFile(work_ + "extra/inside.txt", "not packed");
   }
 
   // The entry names of files of the working directory.
   Names Entries(const Names& names) const {
     Names entries;
-    for (const std::string& name : names) entries.push_back(veltest::WithoutRoot(work_ + name));
+    for (const std::string& name : names) entries.push_back(WithoutRoot(work_ + name));
     return entries;
   }
 
-  veltest::ScopedEnv debug_{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
-  veltest::TempDir base_, out_;
+  ScopedEnv debug_{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
+  TempDir base_, out_;
   ExtractaExecutor executor_;
   std::string work_;
   ScopedAssertCapture capture_;
@@ -145,7 +219,7 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
       {"connremainder.txt", "A!NET_NAME!PIN!\r\n"}};
   for (const std::size_t budget : {BackgroundPacker::kMemoryBudget, std::size_t(0)}) {
     SCOPED_TRACE(budget);
-    veltest::TempDir dir;
+    TempDir dir;
     std::string combined = large.substr(0, large.find("S!"));
     std::vector<std::string> piecePaths;
     BackgroundPacker packer(2, budget);
@@ -175,7 +249,7 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
     const auto entries = ReadArchive(out);
     for (const std::string& name : files) {
       if (name == "out.vlx") continue;
-      const std::string entry = veltest::WithoutRoot(dir / name);
+      const std::string entry = WithoutRoot(dir / name);
       EXPECT_EQ(entries.at(entry).data, ReadFile(dir / name)) << name;
       EXPECT_EQ(JoinedSegments(out, entry), name.rfind("conn", 0) == 0) << name;
     }
@@ -183,9 +257,9 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
 }
 
 TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLevel) {
-  veltest::TempDir dir;
-  veltest::MakeDirectory(dir / "run");
-  veltest::MakeDirectory(dir / "run/sub");
+  TempDir dir;
+  MakeDirectory(dir / "run");
+  MakeDirectory(dir / "run/sub");
   WriteFile(dir / "run/layer.txt", "A!LAYER_SORT!\r\nS!1!\r\n");
   WriteFile(dir / "run/sub/inside.txt", "stored");
   const std::string out = dir / "out.zip";
@@ -197,7 +271,7 @@ TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLe
   archive.Close(0, false);
 
   const auto entries = ReadArchive(out);
-  const std::string run = veltest::WithoutRoot(dir / "run/");
+  const std::string run = WithoutRoot(dir / "run/");
   EXPECT_EQ(ArchiveNames(out), (Names{"inside.txt", run + "layer.txt", run + "sub/"}));
   EXPECT_EQ(entries.at(run + "layer.txt").data, "A!LAYER_SORT!\r\nS!1!\r\n");
   EXPECT_EQ(entries.at(run + "layer.txt").method, ZIP_CM_DEFLATE);
@@ -220,7 +294,7 @@ TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLe
 }
 
 TEST(ZipArchiveTest, TheOutputPathChangesOnlyWhenAnArchiveIsClosedWell) {
-  veltest::TempDir dir;
+  TempDir dir;
   WriteFile(dir / "going.txt", "S!1!\r\n");
   const std::string out = dir / "out.vlx";
   WriteFile(out, "an older archive");

@@ -1,14 +1,51 @@
-// extracta-sim run as the program runs it, on small hand-written designs:
-// what the filters keep, the view file it writes and how it fails. Its
-// EXTRACTA_SIM_* injections are proven where the fault matrix relies on them.
+// The stand-in extractor and the design generator: the ways extracta-sim's
+// control file reader refuses a damaged file (that any file it reads is read
+// whole is the control file fuzz target's check, run on its seeds in every
+// suite: tests/replay); extracta-sim run as the program runs it, on small
+// hand-written designs: what the filters keep, the view file it writes and how
+// it fails (its EXTRACTA_SIM_* injections are proven where the fault matrix
+// relies on them); and make-design's snapshots: the same bytes for the same
+// seed and size, and the options it refuses.
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "tests/support/TestSupport.h"
+#include "tools/extracta_sim/ControlFile.h"
 
 namespace {
+
+using extracta_sim::ControlFileError;
+using extracta_sim::ParseControlFile;
+
+TEST(ControlFile, RefusesDamagedFiles) {
+  const struct {
+    const char* text;
+    const char* message;
+  } cases[] = {
+      {"LAYER\n\n\tLAYER_SORT\n\n", "not closed by END"},
+      {"LAYER\n\tLAYER_SORT\n\nEND\n\n", "line 2: expected an empty line after the view keyword"},
+      {"LAYER\n\n\tLAYER_SORT\nEND\n\n", "expected an empty line before END"},
+      {"CONNECTIVITY\n\n\tCLASS = ETCH\n\tNET_NAME\n\nEND\n\n", "in the field list"},
+      {"NET\n\n\tNET_NAME ='GND\n\n\tNET_NAME\n\nEND\n\n",
+       "line 3: filter line 'NET_NAME ='GND' has an unclosed quote"},
+      {"NET\n\n\tNET_NAME 'GND'\n\n\tNET_NAME\n\nEND\n\n", "has no '=' or '!='"},
+      {"NET\n\n\tOR\n\tNET_NAME ='A'\n\n\tNET_NAME\n\nEND\n\n", "alternative without conditions"},
+      {"NET\n\n\tA = B\n\n\tB = C\n\n\tNET_NAME\n\nEND\n\n", "more than a filter part"},
+      {"NET\n\n\tNET_NAME\n\n\nEND\n\n", "two empty lines in a row"},
+      {"NET\n\n\tNET_NAME\n\nEND\nLAYER\n", "expected an empty line after END"},
+      {"END\n\n", "END without a view block"},
+      {"NET\n\nNET_NAME\n\nEND\n\n", "unexpected line 'NET_NAME'"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.text);
+    try {
+      ParseControlFile(c.text);
+      ADD_FAILURE() << "accepted";
+    } catch (const ControlFileError& error) {
+      EXPECT_NE(std::string(error.what()).find(c.message), std::string::npos) << error.what();
+    }
+  }
+}
 
 using List = std::vector<std::string>;
 using veltest::ReadFile;
@@ -149,6 +186,31 @@ TEST_F(ExtractaSim, FailsLikeTheRealTool) {
     // design is read while extracting).
     EXPECT_TRUE(!c.design.empty() || !veltest::PathExists(dir_ + "/out0.txt")) << c.message;
   }
+}
+
+using namespace veltest;
+
+TEST(GeneratedDesign, SameSeedSameBytes) {
+  TempDir dir, other;
+  const std::string bytes = ReadFile(MakeDesign(dir.path(), 3, 6000));
+  EXPECT_EQ(bytes, ReadFile(MakeDesign(other.path(), 3, 6000)));
+  EXPECT_NE(bytes, ReadFile(MakeDesign(dir.path(), 4, 6000)));
+}
+
+TEST(GeneratedDesign, RefusesBadOptions) {
+  TempDir dir;
+  for (const std::vector<std::string>& bad : {std::vector<std::string>{"--nets", "3"},
+                                              {"--layers", "1"},
+                                              {"--seed", "x"},
+                                              {"--bogus", "1"},
+                                              {"--name", "a!b"}}) {
+    std::vector<std::string> argv = {BinPath("make-design"), "-o", dir / "bad.mcm"};
+    argv.insert(argv.end(), bad.begin(), bad.end());
+    const RunResult result = RunProgram(argv);
+    EXPECT_EQ(result.exitCode, 2) << bad[0];
+    EXPECT_NE(result.err.find("usage: make-design"), std::string::npos);
+  }
+  EXPECT_FALSE(PathExists(dir / "bad.mcm"));
 }
 
 }  // namespace
