@@ -32,12 +32,12 @@ void Check(bool holds, const char* what) {
   std::abort();
 }
 
-bool IsTrimmed(const std::string& text) {
+// A name as the reader hands it back: no blank at either end, no line end.
+bool IsName(const std::string& text) {
   const auto blank = [](char c) { return c == ' ' || c == '\t'; };
-  return !text.empty() && !blank(text.front()) && !blank(text.back());
+  return !text.empty() && !blank(text.front()) && !blank(text.back()) &&
+         text.find('\n') == std::string::npos;
 }
-
-bool HasLineEnd(const std::string& text) { return text.find('\n') != std::string::npos; }
 
 std::size_t LineCount(std::string_view text) {
   std::size_t lines = 0;
@@ -51,21 +51,19 @@ std::size_t LineCount(std::string_view text) {
 void CheckWellFormed(const std::vector<ViewRequest>& requests, std::size_t lines) {
   std::size_t previousLine = 0;
   for (const ViewRequest& request : requests) {
-    Check(IsTrimmed(request.keyword) && !HasLineEnd(request.keyword), "keyword not a clean name");
-    Check(request.keyword != "END", "END taken as a keyword");
+    Check(IsName(request.keyword) && request.keyword != "END", "keyword not a clean name");
     Check(request.line > previousLine && request.line <= lines, "keyword line out of order");
     previousLine = request.line;
-    for (const std::string& field : request.fields) {
-      Check(IsTrimmed(field) && !HasLineEnd(field), "field not a clean name");
-      Check(field.find('=') == std::string::npos, "a filter condition read as a field");
-    }
+    // A filter condition is never read as a field, nor an '=' as part of a
+    // condition's field.
+    for (const std::string& field : request.fields)
+      Check(IsName(field) && field.find('=') == std::string::npos, "field not a clean name");
     for (const Alternative& alternative : request.alternatives) {
       Check(!alternative.empty(), "an alternative without conditions");
       for (const Condition& condition : alternative) {
-        Check(IsTrimmed(condition.field) && !HasLineEnd(condition.field),
-              "condition field not a clean name");
-        Check(condition.field.find('=') == std::string::npos, "'=' inside a condition's field");
-        Check(!HasLineEnd(condition.value), "a line end inside a condition's value");
+        Check(IsName(condition.field) && condition.field.find('=') == std::string::npos &&
+                  condition.value.find('\n') == std::string::npos,
+              "condition not clean");
         Check(condition.line > request.line && condition.line <= lines,
               "condition line outside its block");
       }

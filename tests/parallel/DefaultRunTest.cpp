@@ -1,9 +1,9 @@
 // The default run: which processes start and in which order, how many at
 // once, which nets are split and what the merged connectivity file holds, end
-// to end through the built program and the stand-in extractor; and the texts the
-// executor keeps for each kind of failure, which only the executor shows. (A
-// child failing anywhere ends the whole run cleanly: the fault matrix,
-// ExtractorFaults.ChildFailures, proves that end to end.)
+// to end through the built program and the stand-in extractor; the merge on
+// pieces written by hand; and what the executor keeps of a run, which only
+// the executor shows. (A child failing anywhere ends the whole run cleanly:
+// the fault matrix, ExtractorFaults.ChildFailures, proves that end to end.)
 
 #ifndef _WIN32
 #include <sys/syscall.h>
@@ -13,15 +13,14 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
-#include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "core/AString.h"
+#include "core/ExtractaParserException.h"
+#include "executor/ConnectivityMerge.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
 #include "tests/support/TestSupport.h"
@@ -146,141 +145,106 @@ TEST(DefaultRun, OnChosenNets) {
   }
 }
 
-// Runs the default view creation on an executor directly, so that its error
-// message and active view list can be looked at; `dirsToPrepare` are made in
-// the working directory before the run, to stand in the way of files.
-class DefaultRunExecutor : public ::testing::Test {
- protected:
-  void SetUp() override {
-    base_ = MakeDesign(dir_.path(), 5, 100);
-    design_ = WithConnectivity(
-        base_, dir_ / "two.mcm",
-        {{"A", "ETCH"}, {"A", "PIN"}, {"A", "VIA CLASS"}, {"B", "PIN"}, {"B", "ETCH"}});
-  }
-
-  bool Run(const EnvMap& faults, const std::vector<std::string>& dirsToPrepare = {}) {
-    EnvMap variables = {{"VELTAR_EXTRACTA_PATHOVERRIDE", BinPath("extracta-sim")},
-                        {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
-                        {"EXTRACTA_SIM_DATE", "Sat Nov 21 10:02:11 2026"}};
-    for (const auto& [name, value] : faults) variables[name] = value;
-    std::vector<std::unique_ptr<ScopedEnv>> env;
-    for (const auto& [name, value] : variables)
-      env.push_back(std::make_unique<ScopedEnv>(name, value));
-    views_.clear();
-    if (!executor_.createWorkingDir(AString(dir_.path()))) return false;
-    workDir_ = VEL_ANSI(executor_.getWorkingDir().FilePath());
-    for (const std::string& name : dirsToPrepare)
-      if (!name.empty()) MakeDirectory(workDir_ + name);
-    return executor_.createExtractaControlFileAndViewsMP(AString(design_), kStandardViews, {},
-                                                         views_);
-  }
-
-  std::string Message() const { return VEL_ANSI(executor_.getErrorMessage()); }
-
-  // The records of every connectivity piece after the first, in merge order.
-  std::string BodiesAfterFirstPiece() const {
-    std::string bodies;
-    for (const char* piece :
-         {"conn0_A_PIN.txt", "conn0_A_VIA_CLASS.txt", "conn1_B_CONDUCTOR_ETCH.txt",
-          "conn1_B_PIN.txt", "conn1_B_VIA_CLASS.txt", "connremainder.txt"})
-      bodies += SplitHeader(ReadFile(workDir_ + piece)).body;
-    return bodies;
-  }
-
-  TempDir dir_;
-  std::string base_;
-  std::string design_;
-  ExtractaExecutor executor_;
-  std::string workDir_;
-  std::vector<ActiveView> views_;
-};
-
-// The merge's failures are stored with the operation's prefix and their own
-// name after it; '@' stands for the working directory. A directory stands in
-// the way of a piece or of the combined file where one is named.
-TEST_F(DefaultRunExecutor, MergeFailuresNameTheirPiece) {
-  const std::string merge =
-      "createExtractaControlFileAndViewsMP: createExtractaControlFileAndViewsMP ";
+// The merge on pieces written by hand: the first piece's two header lines,
+// each ended in CR LF also where the piece cut it short or ended it in a bare
+// LF, then every piece after its header byte for byte, through the kernel's
+// copy or, where the kernel cannot copy between the files (another file
+// system), through the merge's own buffer. A failure names its piece; "@"
+// stands for the directory, and a directory stands in the way of a piece or
+// of the combined file where one is named.
+TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
+  std::string large = "A!NET_NAME!\r\nJ!x!\r\n";
+  while (large.size() < (64 << 10)) large += "S!GND!\r\n";
+  const std::string next = "A!NET_NAME!\r\nJ!y!\r\nS!VDD!\r\n";
   const struct {
-    const char *piece, *inTheWay;
-    std::string message;
+    std::vector<std::string> pieces;  // "": missing
+    int kernelError;
+    const char* inTheWay;
+    std::string combined;  // or the failure
   } cases[] = {
-      {"conn0_A_PIN", "", "failed to open file @conn0_A_PIN.txt"},
+      {{large, next, "A!NET_NAME!\r\nJ!z!\r\n"}, 0, "", large + "S!VDD!\r\n"},
+      {{large, next}, EXDEV, "", large + "S!VDD!\r\n"},
+      {{"A!NET", next}, 0, "", "A!NET\r\n\r\nS!VDD!\r\n"},
+      {{"A!N!\r\n", next}, 0, "", "A!N!\r\n\r\nS!VDD!\r\n"},
+      {{"A!N!\r\nJ!x", next}, 0, "", "A!N!\r\nJ!x\r\nS!VDD!\r\n"},
+      {{"A!N!\nJ!x!\nS!1!\n", next}, 0, "", "A!N!\r\nJ!x!\r\nS!1!\nS!VDD!\r\n"},
+      {{next, ""}, 0, "", "failed to open file @p1.txt"},
       // POSIX opens a directory for reading, and the read fails; Windows does not.
-      {"conn0_A_VIA_CLASS", "conn0_A_VIA_CLASS.txt",
-       std::string(kOnWindows ? "failed to open" : "missing header in") +
-           " file @conn0_A_VIA_CLASS.txt"},
-      {"none", "conn.txt",
-       "error adding @conn0_A_CONDUCTOR_ETCH.txt to combined connectivity file"},
+      {{next, ""},
+       0,
+       "p1.txt",
+       std::string(kOnWindows ? "failed to open" : "missing header in") + " file @p1.txt"},
+      {{next}, 0, "conn.txt", "error adding @p0.txt to combined connectivity file"},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.message);
-    ASSERT_FALSE(Run({{"EXTRACTA_SIM_MATCH", std::string("extracta_control_") + c.piece + ".txt"},
-                      {"EXTRACTA_SIM_OUTPUT", "none"}},
-                     {c.inTheWay}));
-    std::string expected = merge + c.message;
-    expected.replace(expected.find('@'), 1, workDir_);
-    EXPECT_EQ(Message(), expected);
-    EXPECT_TRUE(views_.empty());
-    executor_.deleteWorkingDir();
+    SCOPED_TRACE(c.combined.substr(0, 40));
+    TempDir dir;
+    if (*c.inTheWay) MakeDirectory(dir / c.inTheWay);
+    ConnectivityMerge merge(AString(dir / "conn.txt"));
+    std::string failure;
+    gKernelCopyError = c.kernelError;
+    try {
+      for (std::size_t i = 0; i < c.pieces.size(); ++i) {
+        const std::string piece = dir / ("p" + std::to_string(i) + ".txt");
+        if (!c.pieces[i].empty()) WriteFile(piece, c.pieces[i]);
+        merge.add(AString(piece));
+      }
+    } catch (const ExtractaParserException& error) {
+      failure = error.what();
+      failure.replace(failure.find(dir.path()), dir.path().size() + 1, "@");
+    }
+    gKernelCopyError = 0;
+    if (c.combined.find("S!") == std::string::npos) {
+      EXPECT_EQ(failure, "createExtractaControlFileAndViewsMP " + c.combined);
+      continue;
+    }
+    EXPECT_EQ(failure, "");
+    EXPECT_EQ(ReadFile(dir / "conn.txt"), c.combined);
+    EXPECT_EQ(merge.filesAdded(), static_cast<int>(c.pieces.size()));
+    EXPECT_EQ(merge.bytesWritten(), c.combined.size());
   }
 }
 
-// A's first piece cut inside its first header line, after it, and inside the
-// second line: the combined file's header lines end in CR LF all the same.
-TEST_F(DefaultRunExecutor, ListsConnFirstResetsTheLimitAndEndsAShortFirstHeaderInCrLf) {
-  const auto cut = [&](const std::string& command) {
-    return EnvMap{
-        {"VELTAR_EXTRACTA_PATHOVERRIDE",
-         WrappedExtractor(dir_.path(), "cut", "",
-                          "case \"$*\" in *0_A_CONDUCTOR*) f=conn0_A_CONDUCTOR_ETCH.txt; " +
-                              command + " > cut && mv cut $f;; esac")}};
-  };
-  const std::vector<std::pair<EnvMap, std::string>> cases = {
-      {{{"EXTRACTA_SIM_MATCH", "extracta_control_conn0_A_CONDUCTOR_ETCH.txt"},
-        {"EXTRACTA_SIM_OUTPUT", "truncate"}},
-       "\r\n\r\n"},
-      {cut("head -n 1 $f"), "\r\n"},
-      {cut("head -n 2 $f | head -c -2"), "\r\n"},
-  };
-  for (const auto& [faults, lineEnds] : cases) {
-    if (kOnWindows && faults.count("VELTAR_EXTRACTA_PATHOVERRIDE")) continue;  // shell scripts
-    SCOPED_TRACE(lineEnds.size());
+// The default view creation on an executor directly, where its error message
+// and active view list can be looked at: conn first, then the other views in
+// the set's order, and the pool limit back at its default; a merge failure
+// is stored with the operation's prefix.
+TEST(DefaultRunExecutor, ListsConnFirstAndKeepsTheMergesMessage) {
+  TempDir dir;
+  const std::string design = WithConnectivity(
+      MakeDesign(dir.path(), 5, 100), dir / "two.mcm",
+      {{"A", "ETCH"}, {"A", "PIN"}, {"A", "VIA CLASS"}, {"B", "PIN"}, {"B", "ETCH"}});
+  for (const bool failing : {false, true}) {
+    ScopedEnv extractor("VELTAR_EXTRACTA_PATHOVERRIDE", BinPath("extracta-sim"));
+    ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
+    ScopedEnv match("EXTRACTA_SIM_MATCH", "extracta_control_conn1_B_PIN.txt");
+    ScopedEnv output("EXTRACTA_SIM_OUTPUT",
+                     failing ? std::optional<std::string>("none") : std::nullopt);
+    ExtractaExecutor executor;
     ExtractaViewGenerator::maxConcurrentExtractas = 7;
-    ASSERT_TRUE(Run(faults)) << Message();
+    ASSERT_TRUE(executor.createWorkingDir(AString(dir.path())));
+    const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
+    std::vector<ActiveView> views;
+    EXPECT_EQ(
+        executor.createExtractaControlFileAndViewsMP(AString(design), kStandardViews, {}, views),
+        !failing);
     EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
               ExtractaViewGenerator::DefaultConcurrencyLimit());
-
-    // conn first, then the others in the set's order.
-    std::vector<ActiveView> expected = {{kConn, AString(workDir_ + "conn.txt")}};
+    if (failing) {
+      EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
+                "createExtractaControlFileAndViewsMP: createExtractaControlFileAndViewsMP failed "
+                "to open file " +
+                    work + "conn1_B_PIN.txt");
+      EXPECT_TRUE(views.empty());
+      continue;
+    }
+    std::vector<ActiveView> expected = {{kConn, AString(work + "conn.txt")}};
     int other = 0;
     for (const ViewType type : {kLayer, kPadDef, kFullGeo, kDieStack, kNet, kComponent, kOutline,
                                 kCompositePad, kLogicalPin})
-      expected.push_back({type, AString(workDir_ + kOtherStandardViews[other++] + ".txt")});
-    EXPECT_EQ(views_, expected);
-
-    const std::string piece = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
-    EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), piece + lineEnds + BodiesAfterFirstPiece());
-    executor_.deleteWorkingDir();
+      expected.push_back({type, AString(work + kOtherStandardViews[other++] + ".txt")});
+    EXPECT_EQ(views, expected);
   }
-}
-
-// Where the kernel cannot copy between the two files (another file system),
-// the merge copies through its own buffer, with the same result.
-TEST_F(DefaultRunExecutor, MergesThroughUserSpaceWhereTheKernelCannotCopy) {
-  VEL_SKIP_ON_WINDOWS("the kernel's copy between files is Linux's");
-  // Pieces well beyond what the header read takes in.
-  std::vector<NetClass> records;
-  for (int i = 0; i < 3000; ++i)
-    records.emplace_back(i % 3 ? "A" : "B", i % 2 ? "ETCH" : (i % 5 ? "PIN" : "VIA CLASS"));
-  design_ = WithConnectivity(base_, dir_ / "large.mcm", records);
-  gKernelCopyError = EXDEV;
-  const bool ok = Run({});
-  gKernelCopyError = 0;
-  ASSERT_TRUE(ok) << Message();
-  const std::string first = ReadFile(workDir_ + "conn0_A_CONDUCTOR_ETCH.txt");
-  ASSERT_GT(first.size(), 32u << 10);
-  EXPECT_EQ(ReadFile(workDir_ + "conn.txt"), first + BodiesAfterFirstPiece());
 }
 
 }  // namespace

@@ -57,6 +57,7 @@ namespace fs = std::filesystem;
 // program name): on POSIX those whose environment holds `mark` ("NAME=value",
 // inherited by every child), on Windows `root` and its descendants (a process
 // keeps its parent's id after the parent ended).
+std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::string& mark);
 
 void SetEnv(const std::string& name, const std::optional<std::string>& value) {
 #ifdef _WIN32
@@ -263,7 +264,7 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
   const HANDLE process = started.process;
   if (WaitForSingleObject(process, static_cast<DWORD>(timeoutSeconds * 1000)) == WAIT_TIMEOUT) {
     result.timedOut = true;
-    for (int pid : ProcessesInGroup(started.pid)) KillProcess(pid);
+    for (const auto& [pid, name] : RunProcesses(started.pid, "")) KillProcess(pid);
     WaitForSingleObject(process, INFINITE);
   }
   DWORD code = 0;
@@ -302,12 +303,6 @@ std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::strin
   return found;
 }
 
-std::vector<int> ProcessesInGroup(int group, bool) {
-  std::vector<int> members;
-  for (const auto& [pid, name] : RunProcesses(group, "")) members.push_back(pid);
-  return members;
-}
-
 bool SendSignal(int pid, int signal) {
   const HANDLE process =
       signal == SIGKILL ? OpenProcess(PROCESS_TERMINATE, FALSE, static_cast<DWORD>(pid)) : nullptr;
@@ -333,20 +328,6 @@ void ReadTerminal(int terminal, std::string& shown) {
   char buffer[4096];
   for (ssize_t got; (got = read(terminal, buffer, sizeof buffer)) > 0;)
     shown.append(buffer, static_cast<std::size_t>(got));
-}
-
-// Every process in /proc with its state and process group ("pid (comm) state
-// ppid pgrp ...", where comm may hold blanks and parentheses).
-void ForEachProcess(const std::function<void(int pid, char state, int group)>& each) {
-  DIR* proc = opendir("/proc");
-  while (const dirent* entry = readdir(proc)) {
-    const std::string stat = ReadIfAny("/proc/" + std::string(entry->d_name) + "/stat");
-    char state = 0;
-    int parent = 0, group = 0;
-    if (std::istringstream(stat.substr(stat.rfind(')') + 1)) >> state >> parent >> group)
-      each(std::atoi(entry->d_name), state, group);
-  }
-  closedir(proc);
 }
 
 }  // namespace
@@ -435,25 +416,20 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
 
 std::vector<std::pair<int, std::string>> RunProcesses(int, const std::string& mark) {
   std::vector<std::pair<int, std::string>> found;
-  ForEachProcess([&](int pid, char state, int) {
+  DIR* proc = opendir("/proc");
+  while (const dirent* entry = readdir(proc)) {
+    const std::string base = "/proc/" + std::string(entry->d_name);
     // Every entry of /proc/<pid>/environ ends in a NUL byte.
-    const std::string base = "/proc/" + std::to_string(pid);
-    if (state == 'Z' ||
-        ('\0' + ReadIfAny(base + "/environ")).find('\0' + mark + '\0') == std::string::npos)
-      return;
+    if (('\0' + ReadIfAny(base + "/environ")).find('\0' + mark + '\0') == std::string::npos)
+      continue;
+    const std::string stat = ReadIfAny(base + "/stat");  // "pid (comm) state ..."
+    if (stat.compare(stat.rfind(')') + 1, 3, " Z ") == 0) continue;
     std::string command = ReadIfAny(base + "/cmdline");
     std::replace(command.begin(), command.end(), '\0', ' ');
-    found.emplace_back(pid, command);
-  });
+    found.emplace_back(std::atoi(entry->d_name), command);
+  }
+  closedir(proc);
   return found;
-}
-
-std::vector<int> ProcessesInGroup(int group, bool liveOnly) {
-  std::vector<int> members;
-  ForEachProcess([&](int pid, char state, int pgrp) {
-    if (pgrp == group && !(liveOnly && state == 'Z')) members.push_back(pid);
-  });
-  return members;
 }
 
 void ReleaseProgram(Started&) {}

@@ -118,10 +118,6 @@ struct Started {
 // Starts, waits and releases.
 RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& options = {});
 
-// The processes of the tree `group` started: on POSIX its process group,
-// zombies too unless liveOnly; on Windows, where ended processes are gone,
-// RunProcesses' ids.
-std::vector<int> ProcessesInGroup(int group, bool liveOnly = false);
 // Sends the signal; on Windows only SIGKILL, as TerminateProcess with the exit
 // code a SIGKILL shows on POSIX (137). True when it was sent.
 bool SendSignal(int pid, int signal);
