@@ -130,20 +130,12 @@ TEST_F(ExtractorFaults, ChildFailures) {
     bool cell;
     EnvMap env;
   };
-  const auto fail = [](const char* match, const char* code) {
-    return EnvMap{{"EXTRACTA_SIM_MATCH", match}, {"EXTRACTA_SIM_FAIL", code}};
+  // The injection, where it is given, strikes the runs its control file matches.
+  const auto at = [](const char* match, EnvMap injection) {
+    injection["EXTRACTA_SIM_MATCH"] = match;
+    return injection;
   };
-  const auto output = [](const char* match, const char* kind) {
-    return EnvMap{{"EXTRACTA_SIM_MATCH", match}, {"EXTRACTA_SIM_OUTPUT", kind}};
-  };
-  const auto signal = [](const char* match, const char* number) {
-    return EnvMap{{"EXTRACTA_SIM_MATCH", match}, {"EXTRACTA_SIM_SIGNAL", number}};
-  };
-  const auto chatty = [](const char* match) {
-    return EnvMap{{"EXTRACTA_SIM_MATCH", match},
-                  {"EXTRACTA_SIM_PRINT_BYTES", std::to_string(12 << 20)},
-                  {"EXTRACTA_SIM_FAIL", "5:ERROR: no license available\n"}};
-  };
+  const char *fail = "EXTRACTA_SIM_FAIL", *output = "EXTRACTA_SIM_OUTPUT";
   const EnvMap missing = {{"VELTAR_EXTRACTA_PATHOVERRIDE", dir / "no such extracta"}};
   // Looked up on PATH, under its own name, it is not found either.
   const EnvMap notOnPath = {{"VELTAR_EXTRACTA_PATHOVERRIDE", std::nullopt}, {"PATH", dir.path()}};
@@ -152,18 +144,20 @@ TEST_F(ExtractorFaults, ChildFailures) {
       {true, missing},
       {false, notOnPath},
       {true, notOnPath},
-      {false, signal("extracta_control_conn1_*_PIN.txt", "11")},
-      {false, signal("extracta_control_conn0_*_ETCH.txt", "9")},
-      {false, chatty("extracta_control_fullgeo.txt")},
-      {false, output("extracta_control_outline.txt", "none")},
-      {false, output(kSurvey, "none")},
-      {true, output("extracta_control.txt", "none")},
-      {false, output(kSurvey, "lf")},
-      {false, output(kSurvey, "drop-field:NET_NAME")},
-      {false, fail("extracta_control_connremainder.txt", "1:injected failure")},
-      {false, fail("extracta_control_outline.txt", "2:injected failure")},
-      {false, fail(kSurvey, "1:injected failure")},
-      {true, fail("extracta_control.txt", "3:ERROR: bad view")},
+      {false, at("extracta_control_conn1_*_PIN.txt", {{"EXTRACTA_SIM_SIGNAL", "11"}})},
+      {false, at("extracta_control_conn0_*_ETCH.txt", {{"EXTRACTA_SIM_SIGNAL", "9"}})},
+      {false, at("extracta_control_fullgeo.txt",
+                 {{"EXTRACTA_SIM_PRINT_BYTES", std::to_string(12 << 20)},
+                  {fail, "5:ERROR: no license available\n"}})},
+      {false, at("extracta_control_outline.txt", {{output, "none"}})},
+      {false, at(kSurvey, {{output, "none"}})},
+      {true, at("extracta_control.txt", {{output, "none"}})},
+      {false, at(kSurvey, {{output, "lf"}})},
+      {false, at(kSurvey, {{output, "drop-field:NET_NAME"}})},
+      {false, at("extracta_control_connremainder.txt", {{fail, "1:injected failure"}})},
+      {false, at("extracta_control_outline.txt", {{fail, "2:injected failure"}})},
+      {false, at(kSurvey, {{fail, "1:injected failure"}})},
+      {true, at("extracta_control.txt", {{fail, "3:ERROR: bad view"}})},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.env) + (row.cell ? " cell" : ""));
