@@ -78,39 +78,6 @@ TEST(DeliveryRunTest, ACellRunIsZippedIntoOneReadableArchive) {
             ReadFile(std::string(VEL_SOURCE_DIR) + "/tests/views/golden/cell.txt"));
 }
 
-TEST(DeliveryRunTest, EveryReaderReadsADefaultRunsArchiveBackByteForByte) {
-  VEL_SKIP_ON_WINDOWS("the other readers are Unix programs run by the shell");
-  // Large enough that the largest pieces are deflated in several parts.
-  TempDir dir, out;
-  ProgramRun run({"-z", MakeDesign(dir.path(), 11, 60000), out / "pkg.vlx"}, Keeping());
-  ASSERT_EQ(run.Wait().exitCode, 0) << run.Wait().err;
-  const std::vector<std::string> kept = WorkingDirs(dir.path());
-  ASSERT_EQ(kept.size(), 1u);
-  const std::string work = dir / kept[0];
-  std::vector<std::string> packed;
-  for (const std::string& name : ListDir(work))
-    if (name.size() > 4 && name.compare(name.size() - 4, 4, ".txt") == 0) packed.push_back(name);
-
-  // Each reader extracts the archive ($0) into a directory ($1); one that is
-  // not installed is skipped.
-  const std::vector<std::string> readers = {
-      "unzip -q \"$0\" -d \"$1\"", "7z x -y -bd -o\"$1\" \"$0\" >/dev/null",
-      "bsdtar -xf \"$0\" -C \"$1\"",
-      "python3 -c 'import sys, zipfile; z = zipfile.ZipFile(sys.argv[1]); "
-      "assert z.testzip() is None; z.extractall(sys.argv[2])' \"$0\" \"$1\""};
-  for (const std::string& reader : readers) {
-    const std::string program = reader.substr(0, reader.find(' '));
-    if (RunProgram({"/bin/sh", "-c", "command -v " + program}).exitCode != 0) continue;
-    SCOPED_TRACE(program);
-    TempDir into;
-    const RunResult read = RunProgram({"/bin/sh", "-c", reader, out / "pkg.vlx", into.path()});
-    EXPECT_EQ(read.exitCode, 0) << read.err;
-    EXPECT_EQ(ListDir(into.path() + work), packed);
-    for (const std::string& name : packed)
-      EXPECT_TRUE(ReadFile(into.path() + work + "/" + name) == ReadFile(work + "/" + name)) << name;
-  }
-}
-
 // Debug mode keeps the working directory where the run made it, named by the
 // local clock's seconds.
 TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {

@@ -1,10 +1,9 @@
-// ExtractaExecutor: the working directory's replacement and removal, and a
-// clash with another run's; packaging from the working directory's listing
-// (which files a filter lets through into the archive or the output
-// directory, what a move replaces, added files), the background packer, and
-// the zip writer under it. The one-process run and its failures, and a full
-// disk while the archive is written, are shown end to end (tests/e2e,
-// tests/faults).
+// ExtractaExecutor: a clash of the working directory with another run's;
+// packaging from the working directory's listing (which files a filter lets
+// through into the archive or the output directory, what a move replaces),
+// the background packer, and the zip writer under it. The one-process run,
+// added files and their failures, and a full disk while the archive is
+// written, are shown end to end (tests/e2e, tests/faults).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -44,32 +43,6 @@ class ExecutorTest : public ::testing::Test {
   ScopedEnv debug{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
   TempDir base;
 };
-
-// The local clock's number names the directory (end to end, with a time zone:
-// tests/e2e). The debug variable is read when the executor goes: defined
-// then, whatever its value, it keeps the directory.
-TEST_F(ExecutorTest, WorkingDirIsReplacedAndRemovedUnlessDebugging) {
-  for (const bool debug : {true, false}) {
-    {
-      std::optional<ScopedEnv> keep;
-      ExtractaExecutor executor;
-      EXPECT_TRUE(executor.deleteWorkingDir()) << "a fresh executor has nothing to remove";
-      // With or without the base's separator, none is doubled; a new working
-      // directory replaces the previous one.
-      for (const char* separator : {"/", ""}) {
-        ASSERT_TRUE(executor.createWorkingDir(AString(base.path() + separator)));
-        const std::vector<std::string> names = ListDir(base.path());
-        ASSERT_EQ(names.size(), 1u);
-        EXPECT_EQ(VEL_ANSI(executor.getWorkingDir().FilePath()), base / names[0] + "/");
-        WriteFile(base / names[0] + "/layer.txt", "S!1!\r\n");
-      }
-      if (debug) keep.emplace("VELTAR_EXTRACTA_DEBUG", "0");
-    }
-    EXPECT_EQ(ListDir(base.path()).size(), debug ? 1u : 0u);
-    std::filesystem::remove_all(base.path() + "/");
-    MakeDirectory(base.path());
-  }
-}
 
 // Two runs on one base in one second compute the same name. The later one
 // fails, and neither it nor its destructor touches the earlier run's files.
@@ -181,26 +154,6 @@ TEST_F(PackagingTest, MoveReplacesFilesOfTheSameNameAndLeavesFilteredOnesBehind)
   ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString()));
   EXPECT_TRUE(ListDir(work_).empty());
   EXPECT_EQ(ReadFile(out_ / "extra/inside.txt"), "not packed");
-  EXPECT_TRUE(capture_.reports().empty());
-}
-
-TEST_F(PackagingTest, AddedFilesAreCopiedInOrderAndMissingOnesSkipped) {
-  WriteFile(out_ / "stackup.csv", "1,2,3");
-  WriteFile(out_ / "layer.txt", "an added view");
-  EXPECT_TRUE(executor_.addFilesToWorkingDir(
-      {AString(out_ / "stackup.csv"), AString(out_ / "nothing.here")}));
-  EXPECT_EQ(ReadFile(work_ + "stackup.csv"), "1,2,3");
-  EXPECT_FALSE(PathExists(work_ + "nothing.here"));
-
-  // A name the run has produced already is never overwritten: the copy throws
-  // after copying what came before it.
-  WriteFile(out_ / "first.dat", "copied before the clash");
-  EXPECT_THROW(
-      executor_.addFilesToWorkingDir({AString(out_ / "first.dat"), AString(out_ / "layer.txt"),
-                                      AString(out_ / "stackup.csv")}),
-      std::runtime_error);
-  EXPECT_EQ(ReadFile(work_ + "layer.txt"), "S!layer!\r\n");
-  EXPECT_EQ(ReadFile(work_ + "first.dat"), "copied before the clash");
   EXPECT_TRUE(capture_.reports().empty());
 }
 
