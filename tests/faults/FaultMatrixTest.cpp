@@ -80,6 +80,19 @@ class FaultMatrix : public ::testing::Test {
     EXPECT_EQ(WorkingDirs(dir.path()), std::vector<std::string>{});
   }
 
+  // A disk that is full once the program itself has written `bytes` to one
+  // file: the extractor lifts the limit again for itself.
+  RunOptions DiskFullAt(long long bytes) {
+    RunOptions options;
+    options.wrapper = {"/usr/bin/prlimit", "--fsize=" + std::to_string(bytes) + ":"};
+    const std::string extractor = dir / "extracta-unlimited";
+    WriteFile(extractor,
+              "#!/bin/sh\nulimit -f unlimited\nexec '" + BinPath("extracta-sim") + "' \"$@\"\n");
+    chmod(extractor.c_str(), 0755);
+    options.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = extractor;
+    return options;
+  }
+
   TempDir dir;
   std::map<std::string, std::string> outBefore;
 };
@@ -146,9 +159,9 @@ TEST_F(ExtractorFaults, ChildFailures) {
       {true, notOnPath},
       {false, at("extracta_control_conn1_*_PIN.txt", {{"EXTRACTA_SIM_SIGNAL", "11"}})},
       {false, at("extracta_control_conn0_*_ETCH.txt", {{"EXTRACTA_SIM_SIGNAL", "9"}})},
-      {false, at("extracta_control_fullgeo.txt",
-                 {{"EXTRACTA_SIM_PRINT_BYTES", std::to_string(12 << 20)},
-                  {fail, "5:ERROR: no license available\n"}})},
+      {false,
+       at("extracta_control_fullgeo.txt", {{"EXTRACTA_SIM_PRINT_BYTES", std::to_string(12 << 20)},
+                                           {fail, "5:ERROR: no license available\n"}})},
       {false, at("extracta_control_outline.txt", {{output, "none"}})},
       {false, at(kSurvey, {{output, "none"}})},
       {true, at("extracta_control.txt", {{output, "none"}})},
@@ -382,11 +395,7 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringTheMerge) {
   std::filesystem::remove_all(dir / kept[0]);
   ASSERT_LT(controls, merged / 2);
 
-  RunOptions full;
-  full.fileSizeLimit = merged / 2;
-  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
-      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
-  ProgramRun run({"-z", design(), archive()}, full);
+  ProgramRun run({"-z", design(), archive()}, DiskFullAt(merged / 2));
   ExpectCleanFailure(run, kViewCreationFailed);
 }
 
@@ -399,11 +408,8 @@ TEST_F(FileSystemFaults, DiskFillsUpDuringZipping) {
   VEL_SKIP_ON_WINDOWS("file size limits are a POSIX resource limit");
   ProgramRun measure({"-z", "-cell", design(), dir / "measured.vlx"});
   ASSERT_EQ(measure.Wait().exitCode, 0);
-  RunOptions full;
-  full.fileSizeLimit = static_cast<long long>(ReadFile(dir / "measured.vlx").size()) / 2;
-  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
-      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
-  ProgramRun run({"-z", "-cell", design(), archive()}, full);
+  ProgramRun run({"-z", "-cell", design(), archive()},
+                 DiskFullAt(static_cast<long long>(ReadFile(dir / "measured.vlx").size()) / 2));
   ExpectCleanFailure(run, kPackagingFailed, /*packagingFailed=*/true);
 }
 
@@ -423,10 +429,7 @@ TEST_F(FileSystemFaults, PathsThatCannotBeAddedOrLookedAt) {
   WriteFile(extra + "/big.bin", std::string(256 << 10, 'x'));
   std::filesystem::create_symlink(loop, loop);
   const auto extraBefore = Snapshot(extra);
-  RunOptions full;
-  full.fileSizeLimit = 64 << 10;
-  full.env["VELTAR_EXTRACTA_PATHOVERRIDE"] =
-      WrappedExtractor(dir.path(), "extracta-unlimited", "ulimit -f unlimited");
+  const RunOptions full = DiskFullAt(64 << 10);
   const std::string cannotAdd = "cannot add a file to the working directory: ";
   const struct {
     std::vector<std::string> args;

@@ -10,12 +10,8 @@
 #else
 #include <dirent.h>
 #include <fcntl.h>
-#include <grp.h>
-#include <pty.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 #endif
 
@@ -323,64 +319,33 @@ std::string ReadIfAny(const std::string& path) {
   return text.str();
 }
 
-// What the terminal received since the last look (its master side does not block).
-void ReadTerminal(int terminal, std::string& shown) {
-  char buffer[4096];
-  for (ssize_t got; (got = read(terminal, buffer, sizeof buffer)) > 0;)
-    shown.append(buffer, static_cast<std::size_t>(got));
-}
-
 }  // namespace
 
 Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
                      const std::string& outFile, const std::string& errFile) {
   const std::map<std::string, std::string> variables = Environment(options);
   std::vector<char*> args, env;
+  for (const auto& a : options.wrapper) args.push_back(const_cast<char*>(a.c_str()));
   for (const auto& a : argv) args.push_back(const_cast<char*>(a.c_str()));
   for (const auto& [name, text] : variables) env.push_back(const_cast<char*>(text.c_str()));
   args.push_back(nullptr);
   env.push_back(nullptr);
-  const bool switchUser = options.unprivileged && geteuid() == 0;
   const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
   Started started;
-  int terminalSide = -1;
-  if (options.terminalColumns > 0) {
-    termios modes{};
-    cfmakeraw(&modes);
-    winsize size{};
-    size.ws_row = 24;
-    size.ws_col = static_cast<unsigned short>(options.terminalColumns);
-    if (openpty(&started.terminal, &terminalSide, nullptr, &modes, &size) != 0)
-      throw std::runtime_error("openpty failed");
-    fcntl(started.terminal, F_SETFD, FD_CLOEXEC);
-    fcntl(started.terminal, F_SETFL, O_NONBLOCK);
-    fcntl(terminalSide, F_SETFD, FD_CLOEXEC);
-  }
   started.pid = fork();
   if (started.pid < 0) throw std::runtime_error("fork failed");
   if (started.pid == 0) {
     // Only async-signal-safe calls from here on.
     setpgid(0, 0);
     if (dup2(open("/dev/null", O_RDONLY | O_CLOEXEC), 0) != 0 ||
-        dup2(options.outputOnTerminal ? terminalSide : open(outFile.c_str(), flags, 0600), 1) !=
-            1 ||
-        dup2(terminalSide >= 0 ? terminalSide : open(errFile.c_str(), flags, 0600), 2) != 2)
-      _exit(126);
-    if (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0) _exit(126);
-    if (options.fileSizeLimit > 0) {
-      rlimit limit;
-      getrlimit(RLIMIT_FSIZE, &limit);
-      limit.rlim_cur = static_cast<rlim_t>(options.fileSizeLimit);
-      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(126);
-    }
-    // The user and group "nobody" on Debian.
-    if (switchUser && (setgroups(0, nullptr) != 0 || setgid(65534) != 0 || setuid(65534) != 0))
+        dup2(open(outFile.c_str(), flags, 0600), 1) != 1 ||
+        dup2(open(errFile.c_str(), flags, 0600), 2) != 2 ||
+        (!options.cwd.empty() && chdir(options.cwd.c_str()) != 0))
       _exit(126);
     execve(args[0], args.data(), env.data());
     _exit(127);
   }
   setpgid(started.pid, started.pid);
-  if (terminalSide >= 0) close(terminalSide);
   return started;
 }
 
@@ -389,7 +354,6 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
   RunResult result;
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::duration<double>(timeoutSeconds);
-  std::string shown;
   int status = 0;
   for (pid_t done;
        (done = waitpid(started.pid, &status, WNOHANG)) == 0 || (done < 0 && errno == EINTR);) {
@@ -398,19 +362,11 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
       result.timedOut = true;
       kill(-started.pid, SIGKILL);
     }
-    // A full terminal would hold the program up.
-    if (started.terminal >= 0) ReadTerminal(started.terminal, shown);
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result.out = PathExists(outFile) ? ReadFile(outFile) : "";
   result.err = PathExists(errFile) ? ReadFile(errFile) : "";
-  if (started.terminal >= 0) {
-    ReadTerminal(started.terminal, shown);
-    close(started.terminal);
-    started.terminal = -1;
-    result.err = shown;
-  }
   return result;
 }
 
@@ -599,6 +555,7 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const RunOptions& o
           std::to_string(std::random_device()());
   std::string program = BinPath("VelExtracta");
   std::string extractor = BinPath("extracta-sim");
+  RunOptions launch = options;
 #ifndef _WIN32
   if (options.unprivileged && geteuid() == 0) {
     programCopy_.emplace();
@@ -609,9 +566,10 @@ ProgramRun::ProgramRun(const std::vector<std::string>& args, const RunOptions& o
       chmod(to.c_str(), 0755);
       *copy = to;
     }
+    // The user and group "nobody" on Debian.
+    launch.wrapper = {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"};
   }
 #endif
-  RunOptions launch = options;
   launch.env = {{"VELTAR_EXTRACTA_PATHOVERRIDE", extractor},
                 {"VELTAR_EXTRACTA_DEBUG", std::nullopt},
                 {"EXTRACTA_SIM_DATE", kDate},
@@ -755,15 +713,6 @@ bool IsPointerLine(const std::string& text, const std::string& label) {
   const std::string start = label + "0x";
   if (text.rfind(start, 0) != 0 || text.back() != '\n') return false;
   return OnlyFrom(text.substr(0, text.size() - 1), start.size(), "0123456789abcdef");
-}
-
-std::string WrappedExtractor(const std::string& directory, const std::string& name,
-                             const std::string& before, const std::string& after) {
-  const std::string path = directory + "/" + name;
-  WriteFile(path, "#!/bin/sh\n" + before + "\n'" + BinPath("extracta-sim") +
-                      "' \"$@\" || exit $?\n" + after + "\n");
-  chmod(path.c_str(), 0755);
-  return path;
 }
 
 }  // namespace veltest

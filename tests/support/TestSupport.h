@@ -94,24 +94,18 @@ struct RunOptions {
   std::string cwd;  // empty: the current directory
   EnvMap env;       // set (value) or unset (nullopt); EXTRACTA_SIM_* never leaks in
   double timeoutSeconds = 120;
-  // A soft RLIMIT_FSIZE standing in for a full disk (0: none); the hard limit
-  // stays, so a child may raise its own soft limit again.
-  long long fileSizeLimit = 0;
-  // As the user "nobody" (when run as root); ProgramRun then runs copies of
-  // the program and extracta-sim that "nobody" can reach.
+  // POSIX: a program and its arguments that run the program given after them
+  // (prlimit for a full disk, script for a terminal).
+  std::vector<std::string> wrapper = {};
+  // ProgramRun: as the user "nobody" (when run as root), running copies of the
+  // program and extracta-sim that "nobody" can reach.
   bool unprivileged = false;
-  // Above 0: standard error on a pseudo-terminal this many columns wide (no
-  // output processing, so its bytes arrive as written); what it showed is the
-  // run's `err`.
-  int terminalColumns = 0;
-  bool outputOnTerminal = false;  // standard output there too
 };
 
-// A started program: its process id, also its process group's on POSIX; the
-// pseudo-terminal's master side (-1: none); on Windows its process handle.
+// A started program: its process id, also its process group's on POSIX; on
+// Windows its process handle.
 struct Started {
   int pid = -1;
-  int terminal = -1;
   void* process = nullptr;
 };
 
@@ -240,10 +234,5 @@ std::vector<std::string> ArchiveNames(const std::string& archive);
 std::vector<std::string> ArchiveLeaves(const std::string& archive);
 std::string ArchiveEntry(const std::string& archive, const std::string& leaf);
 std::string Leaf(const std::string& path);
-
-// An executable shell script `directory`/`name` that runs extracta-sim with
-// the run's arguments after the `before` commands and then the `after` ones.
-std::string WrappedExtractor(const std::string& directory, const std::string& name,
-                             const std::string& before, const std::string& after = "");
 
 }  // namespace veltest
