@@ -140,23 +140,6 @@ TEST_F(PackagingTest, ZipPacksTheTopLevelFilesThatCarryTheExactExtension) {
   EXPECT_TRUE(capture_.reports().empty());
 }
 
-TEST_F(PackagingTest, MoveReplacesFilesOfTheSameNameAndLeavesFilteredOnesBehind) {
-  WriteFile(out_ / "conn.txt", "S!older!\r\n");
-  WriteFile(out_ / "other.txt", "untouched");
-  ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString(".txt")));
-  EXPECT_EQ(ListDir(out_.path()),
-            (Names{".txt", "conn.txt", "extracta_control.txt", "layer.txt", "other.txt"}));
-  EXPECT_EQ(ReadFile(out_ / "conn.txt"), "S!conn!\r\n");
-  EXPECT_EQ(ReadFile(out_ / "other.txt"), "untouched");
-  EXPECT_EQ(ListDir(work_), (Names{"README", "extra", "notes.TXT"}));
-
-  // Without a filter the rest follows, the subdirectory with its contents.
-  ASSERT_TRUE(executor_.moveActiveViews(AString(out_.path()), AString()));
-  EXPECT_TRUE(ListDir(work_).empty());
-  EXPECT_EQ(ReadFile(out_ / "extra/inside.txt"), "not packed");
-  EXPECT_TRUE(capture_.reports().empty());
-}
-
 TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
   // Pieces (one with a body of several segments, one of a single line) and
   // the combined file of their bodies are deflated ahead; a view changed after
@@ -244,39 +227,6 @@ TEST(ZipArchiveTest, EntriesAreNamedByTheirAbsolutePathAndDeflatedAtTheDefaultLe
 #endif
        })
     EXPECT_EQ(ZipEntryName(path), name) << path;
-}
-
-TEST(ZipArchiveTest, TheOutputPathChangesOnlyWhenAnArchiveIsClosedWell) {
-  TempDir dir;
-  WriteFile(dir / "going.txt", "S!1!\r\n");
-  const std::string out = dir / "out.vlx";
-  WriteFile(out, "an older archive");
-  for (const bool abandoned : {true, false}) {
-    {
-      CZipArchive archive;
-      archive.Open(out, CZipArchive::kCreate, 0);
-      archive.AddNewFile(dir / "going.txt", -1, true);
-      EXPECT_EQ(ReadFile(out), "an older archive");
-      // A file that went away before the archive was written fails the close.
-      if (!abandoned) {
-        ::unlink((dir / "going.txt").c_str());
-        EXPECT_THROW(archive.Close(), CZipException);
-      }
-    }
-    EXPECT_EQ(ReadFile(out), "an older archive");
-    EXPECT_EQ(ListDir(dir.path()).size(), abandoned ? 2u : 1u) << "no temporary file is left";
-  }
-  // An archive without entries is still written, with the mode the user's
-  // umask gives a new file.
-  CZipArchive archive;
-  archive.Open(out, CZipArchive::kCreate, 0);
-  archive.Close(0, false);
-  EXPECT_TRUE(ReadArchive(out).empty());
-  struct stat st;
-  ASSERT_EQ(stat(out.c_str(), &st), 0);
-  const mode_t mask = umask(0);
-  umask(mask);
-  EXPECT_EQ(st.st_mode & 0777, 0666 & ~mask);
 }
 
 }  // namespace

@@ -1,26 +1,23 @@
 // The process layer with real children (vel-test-child standing in for
-// extracta): how a command line is split, the activity wait, the pipe reader,
-// and ExtractaViewGenerator: control and view file names, the command line
-// the child gets, finding the program, failures and their messages, and the
-// pool's order. Interrupts of a whole run are rows of the fault matrix.
+// extracta): how a command line is split, the pipe reader, and
+// ExtractaViewGenerator: control and view file names, the command line the
+// child gets, finding the program, failures and their messages. The pool's
+// limit and order, and interrupts, are shown by whole runs (tests/parallel,
+// the fault matrix).
 
 #ifndef _WIN32
 #include <fcntl.h>
-#include <signal.h>
 #include <unistd.h>
 #else
 #include <windows.h>
 #endif
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <memory>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -39,14 +36,12 @@ namespace {
 
 using namespace veltest;
 using ::testing::ElementsAre;
-using Clock = std::chrono::steady_clock;
 using Generator = std::unique_ptr<ExtractaViewGenerator>;
 
 std::string ChildProgram() { return BinPath("vel-test-child"); }
 
 // One child's record, as vel-test-child writes it.
 struct ChildRecord {
-  long long pid = 0, start = 0, end = 0;  // steady clock ns; end 0: never got there
   std::string cwd, stdinTarget, fds;
   std::vector<std::string> args;  // argv[0] first
 };
@@ -60,16 +55,8 @@ std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
     std::vector<std::string> f;
     std::istringstream fields(line);
     for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
-    if (f.size() == 3 && f[0] == "end") {
-      for (ChildRecord& record : records)
-        if (record.pid == std::stoll(f[1])) record.end = std::stoll(f[2]);
-    } else if (f.size() >= 7 && f[0] == "start") {
-      records.push_back({std::stoll(f[1]), std::stoll(f[2]), 0, f[3], f[4], f[5],
-                         std::vector<std::string>(f.begin() + 6, f.end())});
-    }
+    if (f.size() >= 4) records.push_back({f[0], f[1], f[2], {f.begin() + 3, f.end()}});
   }
-  std::stable_sort(records.begin(), records.end(),
-                   [](const ChildRecord& a, const ChildRecord& b) { return a.start < b.start; });
   return records;
 }
 
@@ -96,23 +83,6 @@ bool InstallChild(const std::string& name) {
   return !error;
 }
 
-// Starts vel-test-child in a group of its own with both its output streams
-// on the pipe, doing `actions`.
-int Start(const std::string& actions, VeltProcessHandle& handle, const CPipe& pipe) {
-  veltest::ScopedEnv does("VEL_TEST_CHILD", actions);
-  const AString argv0(ChildProgram());
-  return VeltCreateProcess(AString(), &argv0, 1, handle, AString(), nullptr, nullptr,
-                           pipe.WriteHandle(), 0, false, true, true, nullptr);
-}
-
-// How long the activity wait sleeps, with a bound far beyond any wake-up in
-// these tests, so that a broken wake-up fails instead of hanging.
-Clock::duration TimeAsleep(const std::vector<VeltProcessHandle>& children, const CPipe& pipe) {
-  const auto start = Clock::now();
-  VeltWaitForChildActivity(children, {pipe.ReadHandle()}, 60000);
-  return Clock::now() - start;
-}
-
 TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
   EXPECT_THAT(VeltSplitCommandLine(R"(-k -c "a b/c.mcm" "d")"),
               ElementsAre("-k", "-c", "a b/c.mcm", "d"));
@@ -127,58 +97,6 @@ TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
   // Two quotes inside a quoted part give one quote and the part goes on.
   EXPECT_THAT(VeltSplitCommandLine(R"("ab""c d" e)"), ElementsAre(R"(ab"c d)", "e"));
   EXPECT_THAT(VeltSplitCommandLine(R"("unclosed to the end)"), ElementsAre("unclosed to the end"));
-}
-
-TEST(ChildProcess, ActivityWaitWakesWhenAChildEndsPrintsOrAnInterruptArrives) {
-  CPipe pipe;
-  ASSERT_TRUE(pipe.CreatePipe());
-  VeltProcessHandle ended = nullptr, printing = nullptr;
-  ASSERT_EQ(Start("sleep=200", ended, pipe), 0);
-  EXPECT_LT(TimeAsleep({ended}, pipe), std::chrono::seconds(30));
-  int code = kVeltStillActive;
-  ASSERT_NE(VeltGetProcessExitCode(ended, code), 0);
-  EXPECT_EQ(code, 0);
-
-  // A reaped child is left out; output waiting in a pipe ends the wait.
-  ASSERT_EQ(Start("sleep=300;say=done;sleep=60000", printing, pipe), 0);
-  EXPECT_LT(TimeAsleep({ended, printing}, pipe), std::chrono::seconds(30));
-  AString output;
-  drainPipe(pipe.ReadHandle(), output);
-  EXPECT_EQ(VEL_ANSI(output), "done");
-  VeltTerminateProcessTree(printing);
-  VeltCloseProcessHandle(printing);
-  VeltCloseProcessHandle(ended);
-
-#ifndef _WIN32
-  // An interrupt wakes a wait on a quiet pipe. The signal lands on the
-  // sending thread (this one blocks it), so only the handler's wake-up can
-  // end the wait.
-  InstallInterruptHandlers();
-  ClearInterruptRequest();
-  std::atomic<bool> blocked{false};
-  // Sent from another thread 100 ms into the wait, as a Ctrl-C arrives.
-  auto interrupt = std::async(std::launch::async, [&] {
-    PollUntil([&] { return blocked.load(); }, 30);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const auto sent = Clock::now();
-    kill(getpid(), SIGTERM);
-    return sent;
-  });
-  sigset_t terminate, previous;
-  sigemptyset(&terminate);
-  sigaddset(&terminate, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &terminate, &previous);
-  blocked = true;
-  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 60000);
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-  EXPECT_LT(Clock::now() - interrupt.get(), std::chrono::seconds(30));
-  EXPECT_TRUE(InterruptRequested());
-  // Once the request is cleared, waits sleep again.
-  ClearInterruptRequest();
-  const auto start = Clock::now();
-  VeltWaitForChildActivity({}, {pipe.ReadHandle()}, 50);
-  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(50));
-#endif
 }
 
 TEST(Pipe, DrainTakesEverythingWaitingAndNeverWaits) {
@@ -374,31 +292,6 @@ TEST_F(GeneratorTest, FailingChildrenReportEverythingTheyPrinted) {
   int code = 0;
   ASSERT_NE(VeltGetProcessExitCode(slow->childProcess(), code), 0);
   EXPECT_EQ(code, kVeltStillActive) << "the waited-for child still runs";
-}
-
-TEST_F(GeneratorTest, QueuedChildrenStartInCreationOrderOneAtATime) {
-  ExtractaViewGenerator::maxConcurrentExtractas = 1;
-  ChildDoes("record=" + records + ";sleep=150");
-  std::vector<Generator> generators;
-  for (const char* name : {"a", "b", "c", "d"}) generators.push_back(Make(kFullGeo, name));
-  EXPECT_EQ(ExtractaViewGenerator::runningCount(), 1u);
-  EXPECT_EQ(ExtractaViewGenerator::waitingCount(), 3u);
-  EXPECT_EQ(generators[1]->childProcess(), nullptr);
-
-  // Dropping a queued generator starts no process.
-  generators[1].reset();
-  EXPECT_EQ(ExtractaViewGenerator::waitingCount(), 2u);
-
-  // Waiting for the last drives the pool through the others.
-  generators[3]->waitForViewFile();
-  const std::vector<ChildRecord> started = Started();
-  ASSERT_EQ(started.size(), 3u);
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(started[i].args.back(), work + "fullgeo" + "acd"[i] + ".txt");
-    EXPECT_NE(started[i].end, 0);
-    EXPECT_GE(started[i].start, i > 0 ? started[i - 1].end : 0) << "one child at a time";
-  }
-  EXPECT_EQ(ExtractaViewGenerator::waitingCount(), 0u);
 }
 
 TEST(GeneratorPool, ConcurrencyLimitIsHalfTheHardwareThreadsAndAtLeastOne) {

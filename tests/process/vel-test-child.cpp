@@ -1,21 +1,19 @@
 // vel-test-child: a child process for the process tests, standing in for
 // extracta. It only records its arguments and does what VEL_TEST_CHILD says, a
 // ";"-separated list run in order:
-//   record=FILE  append a start line to FILE now and an end line at its end
+//   record=FILE  append a line to FILE on how the child was started
 //   say=TEXT     print TEXT (no line end added) on standard output
 //   sleep=MS     sleep MS milliseconds
 //   exit=N       end with exit code N once the list is done (default 0)
-// Record lines, one append each so that children sharing a file do not mix
-// them, are fields each ended by a tab (times of the steady clock, ns):
-//   start  pid  time  cwd  stdin-target  open-fds ("0,1,2")  argv[0]  argv[1] ...
-//   end    pid  time
+// A record line, one append so that children sharing a file do not mix
+// them, is fields each ended by a tab:
+//   cwd  stdin-target  open-fds ("0,1,2")  argv[0]  argv[1] ...
 // On Windows the stdin target is "NUL" for the null device, and the open
 // descriptors are not known ("-").
 
 #ifdef _WIN32
 #include <fcntl.h>
 #include <io.h>
-#include <process.h>
 #include <windows.h>
 #else
 #include <dirent.h>
@@ -33,13 +31,6 @@
 
 namespace {
 
-std::string Now() {
-  return std::to_string(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                            std::chrono::steady_clock::now().time_since_epoch())
-                            .count()) +
-         "\t";
-}
-
 void Append(const std::string& file, const std::string& text) {
   if (std::FILE* out = std::fopen(file.c_str(), "ab")) {
     std::fwrite(text.data(), 1, text.size(), out);
@@ -48,15 +39,11 @@ void Append(const std::string& file, const std::string& text) {
 }
 
 #ifdef _WIN32
-int Pid() { return _getpid(); }
-
 // Standard input and the open descriptors.
 std::string Streams() {
   return GetFileType(GetStdHandle(STD_INPUT_HANDLE)) == FILE_TYPE_CHAR ? "NUL\t-\t" : "file\t-\t";
 }
 #else
-int Pid() { return getpid(); }
-
 std::string Streams() {
   char input[4096];
   const ssize_t n = readlink("/proc/self/fd/0", input, sizeof input);
@@ -79,18 +66,15 @@ int main(int argc, char** argv) {
 #endif
   const char* actions = std::getenv("VEL_TEST_CHILD");
   std::istringstream list(actions ? actions : "");
-  std::string recordFile;
   int exitCode = 0;
   for (std::string action; std::getline(list, action, ';');) {
     const std::size_t equals = std::min(action.find('='), action.size());
     const std::string key = action.substr(0, equals);
     const std::string value = equals < action.size() ? action.substr(equals + 1) : "";
     if (key == "record") {
-      recordFile = value;
-      std::string text = "start\t" + std::to_string(Pid()) + "\t" + Now() +
-                         std::filesystem::current_path().u8string() + "\t" + Streams();
+      std::string text = std::filesystem::current_path().u8string() + "\t" + Streams();
       for (int i = 0; i < argc; ++i) text += std::string(argv[i]) + "\t";
-      Append(recordFile, text + "\n");
+      Append(value, text + "\n");
     } else if (key == "say") {
       std::fwrite(value.data(), 1, value.size(), stdout);
       std::fflush(stdout);
@@ -100,7 +84,5 @@ int main(int argc, char** argv) {
       exitCode = std::atoi(value.c_str());
     }
   }
-  if (!recordFile.empty())
-    Append(recordFile, "end\t" + std::to_string(Pid()) + "\t" + Now() + "\n");
   return exitCode;
 }
