@@ -50,34 +50,6 @@ TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
   EXPECT_EQ(ListDir(dir.path()), std::vector<std::string>{"folder.mcm"});
 }
 
-TEST(DeliveryRunTest, ACellRunIsZippedIntoOneReadableArchive) {
-  TempDir dir, out;
-  WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  MakeDirectory(dir / "sub");
-  RunOptions options;
-  options.cwd = dir / "sub";
-  // A relative design path with ".." in it: entry names stay absolute and clean.
-  ProgramRun run({"-cell", "-z", "../pkg.mcm", out / "pkg.vlx"}, options);
-  ExpectOutcome(run, 0, true, "");
-  EXPECT_TRUE(WorkingDirs(dir.path()).empty());
-  EXPECT_EQ(ListDir(out.path()), std::vector<std::string>{"pkg.vlx"});
-
-  if (!kOnWindows) {
-    const RunResult tested = RunProgram({"/usr/bin/env", "unzip", "-t", out / "pkg.vlx"});
-    EXPECT_EQ(tested.exitCode, 0) << tested.out;
-  }
-  EXPECT_EQ(ArchiveLeaves(out / "pkg.vlx"), kCellFiles);
-  const std::string prefix = WithoutRoot(dir / "extract");
-  for (const auto& name : ArchiveNames(out / "pkg.vlx")) {
-    const std::size_t slash = name.find('/', prefix.size());
-    EXPECT_EQ(name.rfind(prefix, 0), 0u) << name;
-    EXPECT_EQ(name.substr(slash + 1), Leaf(name));
-    EXPECT_EQ(name.find_first_not_of("0123456789", prefix.size()), slash) << name;
-  }
-  EXPECT_EQ(ArchiveEntry(out / "pkg.vlx", "extracta_control.txt"),
-            ReadFile(std::string(VEL_SOURCE_DIR) + "/tests/views/golden/cell.txt"));
-}
-
 // Debug mode keeps the working directory where the run made it, named by the
 // local clock's seconds.
 TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {

@@ -1,9 +1,8 @@
-// ExtractaExecutor: a clash of the working directory with another run's;
-// packaging from the working directory's listing (which files a filter lets
-// through into the archive or the output directory, what a move replaces),
-// the background packer, and the zip writer under it. The one-process run,
-// added files and their failures, and a full disk while the archive is
-// written, are shown end to end (tests/e2e, tests/faults).
+// ExtractaExecutor: a clash of the working directory with another run's; the
+// background packer, and the zip writer under it. The one-process run,
+// packaging (the filters, added files, moves) and its failures, and a full
+// disk while the archive is written, are shown end to end (tests/e2e,
+// tests/faults).
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -91,53 +90,6 @@ bool JoinedSegments(const std::string& path, const std::string& name) {
   zip_close(archive);
   const std::string end("\0\0\xff\xff\x03\0", 6);
   return raw.size() >= end.size() && raw.compare(raw.size() - end.size(), end.size(), end) == 0;
-}
-
-// An executor whose working directory holds what a run leaves behind: view
-// files, the control file, a file with an upper-case extension, one without
-// extension, one that is all extension and a subdirectory.
-class PackagingTest : public testing::Test {
- protected:
-  void SetUp() override {
-    ASSERT_TRUE(executor_.createWorkingDir(AString(base_.path())));
-    work_ = VEL_ANSI(executor_.getWorkingDir().FilePath());
-    WriteFile(work_ + "layer.txt", "S!layer!\r\n");
-    WriteFile(work_ + "conn.txt", "S!conn!\r\n");
-    WriteFile(work_ + "extracta_control.txt", "LAYER\r\n");
-    WriteFile(work_ + "notes.TXT", "kept back");
-    WriteFile(work_ + "README", "no extension");
-    WriteFile(work_ + ".txt", "all extension");
-    MakeDirectory(work_ + "extra");
-    WriteFile(work_ + "extra/inside.txt", "not packed");
-  }
-
-  // The entry names of files of the working directory.
-  Names Entries(const Names& names) const {
-    Names entries;
-    for (const std::string& name : names) entries.push_back(WithoutRoot(work_ + name));
-    return entries;
-  }
-
-  ScopedEnv debug_{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
-  TempDir base_, out_;
-  ExtractaExecutor executor_;
-  std::string work_;
-  ScopedAssertCapture capture_;
-};
-
-TEST_F(PackagingTest, ZipPacksTheTopLevelFilesThatCarryTheExactExtension) {
-  const std::string vlx = out_ / "design.vlx";
-  ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString(".txt")));
-  EXPECT_EQ(ArchiveNames(vlx), Entries({".txt", "conn.txt", "extracta_control.txt", "layer.txt"}));
-  // The working directory is left as it was; its owner removes it.
-  EXPECT_EQ(ListDir(work_).size(), 7u);
-
-  // Without a filter everything on the top level goes, the subdirectory as an
-  // entry of its own without its contents.
-  ASSERT_TRUE(executor_.zipActiveViews(AString(vlx), AString()));
-  EXPECT_EQ(ArchiveNames(vlx), Entries({".txt", "README", "conn.txt", "extra/",
-                                        "extracta_control.txt", "layer.txt", "notes.TXT"}));
-  EXPECT_TRUE(capture_.reports().empty());
 }
 
 TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
