@@ -54,7 +54,7 @@ TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
 // local clock's seconds.
 TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   // Output path not a directory: beside the design, with every file.
-  TempDir dir, out, target, here;
+  TempDir dir, out, target;
   WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
   RunOptions east = Keeping();
   east.env["TZ"] = "XST-9";  // nine hours east of UTC
@@ -78,14 +78,6 @@ TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
   ASSERT_EQ(inside.size(), 1u);
   EXPECT_TRUE(ListDir(target / inside[0]).empty());
   EXPECT_EQ(ListDir(target.path()).size(), 6u);
-
-  // A design named without a directory: in the current directory.
-  WriteFile(here / "bare.mcm", ReadFile(SampleDesign()));
-  RunOptions inHere = Keeping();
-  inHere.cwd = here.path();
-  ProgramRun bare({"-cell", "-z", "bare.mcm", out / "bare.vlx"}, inHere);
-  ASSERT_EQ(bare.Wait().exitCode, 0) << bare.Wait().err;
-  EXPECT_EQ(WorkingDirs(here.path()).size(), 1u);
 }
 
 }  // namespace

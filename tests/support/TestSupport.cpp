@@ -138,6 +138,14 @@ void WriteFile(const std::string& path, const std::string& bytes) {
   if (!out) throw std::runtime_error("cannot write " + path);
 }
 
+// A file's bytes, or "" when it cannot be read (a process gone from /proc).
+std::string ReadIfAny(const std::string& path) {
+  std::ifstream in(fs::u8path(path), std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
 bool PathExists(const std::string& path) {
   std::error_code ec;
   return fs::exists(fs::symlink_status(fs::u8path(path), ec));
@@ -169,11 +177,7 @@ std::vector<std::string> ListDir(const std::string& path) {
 }
 
 std::string BinPath(const std::string& program) {
-#ifdef _WIN32
-  return std::string(VEL_BIN_DIR) + "/" + program + ".exe";
-#else
-  return std::string(VEL_BIN_DIR) + "/" + program;
-#endif
+  return std::string(VEL_BIN_DIR) + "/" + program + (kOnWindows ? ".exe" : "");
 }
 
 #ifdef _WIN32
@@ -248,10 +252,7 @@ Started StartProgram(const std::vector<std::string>& argv, const RunOptions& opt
   for (HANDLE handle : streams) CloseHandle(handle);
   if (!created) throw std::runtime_error("cannot start " + argv[0]);
   CloseHandle(process.hThread);
-  Started started;
-  started.pid = static_cast<int>(process.dwProcessId);
-  started.process = process.hProcess;
-  return started;
+  return {static_cast<int>(process.dwProcessId), process.hProcess};
 }
 
 RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string& outFile,
@@ -266,8 +267,8 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
   DWORD code = 0;
   GetExitCodeProcess(process, &code);
   result.exitCode = static_cast<int>(code);
-  result.out = WithoutCarriageReturns(PathExists(outFile) ? ReadFile(outFile) : "");
-  result.err = WithoutCarriageReturns(PathExists(errFile) ? ReadFile(errFile) : "");
+  result.out = WithoutCarriageReturns(ReadIfAny(outFile));
+  result.err = WithoutCarriageReturns(ReadIfAny(errFile));
   return result;
 }
 
@@ -309,17 +310,7 @@ bool SendSignal(int pid, int signal) {
 
 #else
 
-namespace {
-
-// A file's bytes, or "" when it cannot be read (a process gone from /proc).
-std::string ReadIfAny(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-}  // namespace
+namespace {}  // namespace
 
 Started StartProgram(const std::vector<std::string>& argv, const RunOptions& options,
                      const std::string& outFile, const std::string& errFile) {
@@ -365,8 +356,8 @@ RunResult WaitProgram(Started& started, double timeoutSeconds, const std::string
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = PathExists(outFile) ? ReadFile(outFile) : "";
-  result.err = PathExists(errFile) ? ReadFile(errFile) : "";
+  result.out = ReadIfAny(outFile);
+  result.err = ReadIfAny(errFile);
   return result;
 }
 
@@ -525,7 +516,7 @@ std::vector<std::string> FieldValues(const std::string& bytes, const std::string
 
 std::vector<SimRun> ReadSimLog(const std::string& path) {
   std::vector<SimRun> runs;
-  std::istringstream lines(PathExists(path) ? ReadFile(path) : "");
+  std::istringstream lines(ReadIfAny(path));
   SimRun run;
   while (lines >> run.startNs >> run.endNs >> run.pid &&
          std::getline(lines >> std::ws, run.control)) {
