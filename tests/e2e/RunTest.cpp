@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <ctime>
 #include <string>
 #include <vector>
 
@@ -16,12 +15,6 @@
 namespace {
 
 using namespace veltest;
-
-RunOptions Keeping() {
-  RunOptions options;
-  options.env["VELTAR_EXTRACTA_DEBUG"] = "";
-  return options;
-}
 
 TEST(CommandLineRunTest, TooFewArgumentsEndTheRunSilently) {
   for (const std::vector<std::string>& args :
@@ -39,7 +32,9 @@ TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
   EXPECT_TRUE(IsPointerLine(missing.Wait().err, "mcm file does not exist: ")) << missing.Wait().err;
   EXPECT_TRUE(ListDir(dir.path()).empty());
   // The cause is traced; the line stays as it is.
-  ProgramRun traced({"-z", "-cell", dir / "absent.mcm", dir / "out.vlx"}, Keeping());
+  RunOptions debug;
+  debug.env["VELTAR_EXTRACTA_DEBUG"] = "";
+  ProgramRun traced({"-z", "-cell", dir / "absent.mcm", dir / "out.vlx"}, debug);
   EXPECT_NE(traced.Wait().err.find(": No such file or directory\n"), std::string::npos);
 
   // Any existing object passes the check, a directory too; extracta then
@@ -48,36 +43,6 @@ TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
   ProgramRun folder({"-z", "-cell", dir / "folder.mcm", dir / "out.vlx"});
   ExpectOutcome(folder, 1, false, "view creation failed (1).\n");
   EXPECT_EQ(ListDir(dir.path()), std::vector<std::string>{"folder.mcm"});
-}
-
-// Debug mode keeps the working directory where the run made it, named by the
-// local clock's seconds.
-TEST(WorkingDirRunTest, DebugModeKeepsTheWorkingDirectoryWhereTheRunMadeIt) {
-  // Output path not a directory: beside the design, with every file.
-  TempDir dir, out, target;
-  WriteFile(dir / "pkg.mcm", ReadFile(SampleDesign()));
-  RunOptions east = Keeping();
-  east.env["TZ"] = "XST-9";  // nine hours east of UTC
-  const long before = static_cast<long>(std::time(nullptr));
-  ProgramRun zipped({"-cell", "-z", dir / "pkg.mcm", out / "pkg.vlx"}, east);
-  ASSERT_EQ(zipped.Wait().exitCode, 0) << zipped.Wait().err;
-  const long after = static_cast<long>(std::time(nullptr));
-  const auto kept = WorkingDirs(dir.path());
-  ASSERT_EQ(kept.size(), 1u);
-  const long number = std::stol(kept[0].substr(std::string("extract").size()));
-  EXPECT_GE(number, before + 9 * 3600);
-  EXPECT_LE(number, after + 9 * 3600);
-  EXPECT_EQ(ListDir(dir / kept[0]), kCellFiles);
-  for (const auto& name : ArchiveNames(out / "pkg.vlx"))
-    EXPECT_EQ(name, WithoutRoot(dir / kept[0]) + "/" + Leaf(name));
-
-  // Output path an existing directory: inside it, emptied by the move.
-  ProgramRun moved({"-cell", dir / "pkg.mcm", target.path()}, Keeping());
-  ASSERT_EQ(moved.Wait().exitCode, 0) << moved.Wait().err;
-  const auto inside = WorkingDirs(target.path());
-  ASSERT_EQ(inside.size(), 1u);
-  EXPECT_TRUE(ListDir(target / inside[0]).empty());
-  EXPECT_EQ(ListDir(target.path()).size(), 6u);
 }
 
 }  // namespace

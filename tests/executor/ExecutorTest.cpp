@@ -36,15 +36,18 @@ long LocalSecondsNow() {
 }
 
 // Every test starts without the debug variable: the executor removes its
-// working directory when destroyed.
+// working directory when destroyed. The clock is nine hours east of UTC, so
+// that a run number taken from UTC instead of the local clock shows.
 class ExecutorTest : public ::testing::Test {
  protected:
   ScopedEnv debug{"VELTAR_EXTRACTA_DEBUG", std::nullopt};
+  ScopedEnv east{"TZ", "XST-9"};
   TempDir base;
 };
 
-// Two runs on one base in one second compute the same name. The later one
-// fails, and neither it nor its destructor touches the earlier run's files.
+// Two runs on one base in one second compute the same name, the local
+// clock's seconds. The later one fails, and neither it nor its destructor
+// touches the earlier run's files.
 TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
   // The earlier run's directories for every second this test may take.
   const long now = LocalSecondsNow();

@@ -24,7 +24,6 @@
 #include <gtest/gtest.h>
 
 #include "core/ExtractaParserException.h"
-#include "core/Interrupt.h"
 #include "core/Pipe.h"
 #include "core/Process.h"
 #include "core/VelAssert.h"
@@ -133,8 +132,6 @@ std::string FailureOf(const std::function<void()>& action) {
 class GeneratorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    InstallInterruptHandlers();
-    ClearInterruptRequest();
     // Blanks and non-ASCII in every path the child gets, the program's too.
     work = temp / "extract 17 ü/";
     ASSERT_TRUE(veltest::MakeDirectory(work));
@@ -146,10 +143,7 @@ class GeneratorTest : public ::testing::Test {
     veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", program);
   }
 
-  void TearDown() override {
-    ClearInterruptRequest();
-    ExtractaViewGenerator::maxConcurrentExtractas = savedLimit;
-  }
+  void TearDown() override { ExtractaViewGenerator::maxConcurrentExtractas = savedLimit; }
 
   // What the next children started will do (see vel-test-child).
   void ChildDoes(const std::string& actions) { veltest::SetEnv("VEL_TEST_CHILD", actions); }
