@@ -8,6 +8,7 @@
 // program writes, and read again, give the same requests. A reader that
 // loses, splits or merges anything on the way fails that comparison.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -40,12 +41,7 @@ bool IsName(const std::string& text) {
 }
 
 std::size_t LineCount(std::string_view text) {
-  std::size_t lines = 0;
-  for (std::size_t pos = 0; pos < text.size(); ++lines) {
-    const std::size_t newline = text.find('\n', pos);
-    pos = newline == std::string_view::npos ? text.size() : newline + 1;
-  }
-  return lines;
+  return std::count(text.begin(), text.end(), '\n') + (!text.empty() && text.back() != '\n');
 }
 
 void CheckWellFormed(const std::vector<ViewRequest>& requests, std::size_t lines) {

@@ -3,7 +3,6 @@
 // to the rules on the command line fuzz target's seeds (tests/replay). Failures of the extractor
 // and of delivery are rows of the fault matrix (tests/faults).
 
-#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>

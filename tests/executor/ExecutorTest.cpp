@@ -4,12 +4,7 @@
 // disk while the archive is written, are shown end to end (tests/e2e,
 // tests/faults).
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <ctime>
-#include <filesystem>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>

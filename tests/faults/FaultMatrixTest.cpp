@@ -445,17 +445,6 @@ TEST_F(FileSystemFaults, PathsThatCannotBeAddedOrLookedAt) {
   }
 }
 
-std::vector<std::string> Sorted(std::vector<std::string> values) {
-  std::sort(values.begin(), values.end());
-  return values;
-}
-
-std::vector<std::string> Repeated(const std::vector<std::pair<std::string, int>>& counts) {
-  std::vector<std::string> values;
-  for (const auto& [value, count] : counts) values.insert(values.end(), count, value);
-  return Sorted(values);
-}
-
 // Row: design, output and added paths with blanks, quotes, commas, leading
 //   dashes and non-ASCII characters
 // Outcome: the run succeeds and every path reaches extracta and the archive
@@ -500,52 +489,46 @@ TEST_F(NameFaults, PathsWithAwkwardCharacters) {
   EXPECT_EQ(ReadFile(views + "/layer.txt").rfind("A!", 0), 0u);
 }
 
-class NetNameFaults : public FaultMatrix {
- protected:
-  void SetUp() override {
-    FaultMatrix::SetUp();
-    std::vector<NetClass> records;
-    const char* classes[] = {"ETCH", "PIN", "VIA CLASS", "CONDUCTOR"};
-    for (const auto& [net, count] : kNets) {
-      for (int i = 0; i < count; ++i) records.emplace_back(net, classes[i % 4]);
-    }
-    WithConnectivity(design(), design(), records);
-  }
-
-  // Connectivity records per net; "a,b" is one net whose name holds a comma.
-  const std::vector<std::pair<std::string, int>> kNets = {
-      {"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}, {"a,b", 2}, {"plain", 1}};
-
-  std::string RunKeeping(const std::vector<std::string>& args) {
-    return veltest::RunKeeping(dir.path(), args).workDir;
-  }
-
-  std::vector<std::string> NetNames(const std::string& viewFile) {
-    return Sorted(FieldValues(ReadFile(viewFile), "NET_NAME"));
-  }
-};
-
 // Row: net names with blanks, quotes, commas and non-ASCII characters
 // Outcome: the run succeeds; each selected name reaches extracta's filter
 //   byte for byte (inside single quotes, a quote in the name left as it is)
 //   and selects exactly its records, in the survey and the cell views alike.
 //   The net list is split at commas, so a net whose name holds a comma
 //   cannot be selected; its records still reach conn.txt by the remainder.
-TEST_F(NetNameFaults, NetNamesWithAwkwardCharacters) {
-  const std::string selection = "VDD CORE,GND's,\"CLK\",Ünïcode,a,b";
-  const std::vector<std::string> selected =
-      Repeated({{"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}});
+TEST_F(NameFaults, NetNamesWithAwkwardCharacters) {
+  // Records per net; "a,b" is one net whose name holds a comma.
+  const std::vector<std::pair<std::string, int>> nets = {
+      {"VDD CORE", 6}, {"GND's", 5}, {"\"CLK\"", 4}, {"Ünïcode", 3}, {"a,b", 2}, {"plain", 1}};
+  const char* classes[] = {"ETCH", "PIN", "VIA CLASS", "CONDUCTOR"};
+  std::vector<NetClass> records;
+  std::vector<std::string> all, selected;  // the NET_NAME values, sorted
+  for (const auto& [net, count] : nets) {
+    for (int i = 0; i < count; ++i) records.emplace_back(net, classes[i % 4]);
+    all.insert(all.end(), count, net);
+    if (count > 2) selected.insert(selected.end(), count, net);
+  }
+  WithConnectivity(design(), design(), records);
+  std::sort(all.begin(), all.end());
+  std::sort(selected.begin(), selected.end());
+  const auto netNames = [](const std::string& viewFile) {
+    std::vector<std::string> names = FieldValues(ReadFile(viewFile), "NET_NAME");
+    std::sort(names.begin(), names.end());
+    return names;
+  };
 
-  const std::string standard = RunKeeping({"-n", selection, "-z", design(), dir / "std.vlx"});
+  const std::string selection = "VDD CORE,GND's,\"CLK\",Ünïcode,a,b";
+  const std::string standard =
+      RunKeeping(dir.path(), {"-n", selection, "-z", design(), dir / "std.vlx"}).workDir;
   ASSERT_FALSE(standard.empty());
-  EXPECT_EQ(NetNames(standard + "connnets.txt"), selected);
+  EXPECT_EQ(netNames(standard + "connnets.txt"), selected);
   EXPECT_EQ(SortedRecords(ReadFile(standard + "conn.txt")),
             SortedRecords(PlainConnectivity(design(), dir.path())));
-  EXPECT_EQ(NetNames(standard + "conn.txt"), Repeated(kNets));
+  EXPECT_EQ(netNames(standard + "conn.txt"), all);
 
-  const std::string cell = RunKeeping({"-cell", "-n", selection, "-z", design(), dir / "c.vlx"});
+  const std::string cell =
+      RunKeeping(dir.path(), {"-cell", "-n", selection, "-z", design(), dir / "c.vlx"}).workDir;
   ASSERT_FALSE(cell.empty());
-  EXPECT_EQ(NetNames(cell + "cconn.txt"), selected);
+  EXPECT_EQ(netNames(cell + "cconn.txt"), selected);
 }
 
 // Row: 12 or more nets on the command line

@@ -12,7 +12,6 @@
 #include <windows.h>
 #endif
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -80,22 +79,6 @@ bool InstallChild(const std::string& name) {
   std::filesystem::copy_file(std::filesystem::u8path(ChildProgram()),
                              std::filesystem::u8path(name + (kOnWindows ? ".exe" : "")), error);
   return !error;
-}
-
-TEST(CommandLineSplit, FollowsTheWindowsRuntimeRules) {
-  EXPECT_THAT(VeltSplitCommandLine(R"(-k -c "a b/c.mcm" "d")"),
-              ElementsAre("-k", "-c", "a b/c.mcm", "d"));
-  EXPECT_THAT(VeltSplitCommandLine(" a\"b c\"d\te "), ElementsAre("ab cd", "e"));
-  EXPECT_THAT(VeltSplitCommandLine(R"("" x "")"), ElementsAre("", "x", ""));
-  EXPECT_THAT(VeltSplitCommandLine(R"(C:\dir\file \\server\share)"),
-              ElementsAre(R"(C:\dir\file)", R"(\\server\share)"));
-  // 2n+1 backslashes before a quote: n backslashes and a literal quote.
-  EXPECT_THAT(VeltSplitCommandLine(R"(a\"b a\\\"b)"), ElementsAre(R"(a"b)", R"(a\"b)"));
-  // 2n backslashes before a quote: n backslashes, and the quote groups.
-  EXPECT_THAT(VeltSplitCommandLine(R"(a\\"b c" "d\\")"), ElementsAre(R"(a\b c)", R"(d\)"));
-  // Two quotes inside a quoted part give one quote and the part goes on.
-  EXPECT_THAT(VeltSplitCommandLine(R"("ab""c d" e)"), ElementsAre(R"(ab"c d)", "e"));
-  EXPECT_THAT(VeltSplitCommandLine(R"("unclosed to the end)"), ElementsAre("unclosed to the end"));
 }
 
 TEST(Pipe, DrainTakesEverythingWaitingAndNeverWaits) {

@@ -89,12 +89,8 @@ class ExtractaSim : public ::testing::Test {
     std::string crlf;
     for (const char c : text) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
     WriteFile(control, crlf);
-    List argv = {veltest::BinPath("extracta-sim"),
-                 "-k",
-                 "-c",
-                 "-m",
-                 "\"" + design + "\"",
-                 "\"" + control + "\""};
+    List argv = {veltest::BinPath("extracta-sim"), "-k", "-c", "-m"};
+    for (const std::string& path : List{design, control}) argv.push_back("\"" + path + "\"");
     for (const std::string& name : outputs) argv.push_back("\"" + dir_ + "/" + name + "\"");
     return veltest::RunProgram(argv, {"", {{"EXTRACTA_SIM_DATE", "Sat Nov 21 10:02:11 2026"}}});
   }
