@@ -9,7 +9,7 @@ packages=(
   libzip-dev
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev
-  zip unzip python3 procps
+  zip unzip python3 procps util-linux bsdutils
   p7zip-full libarchive-tools
 )
 
