@@ -1,4 +1,5 @@
-// The core library: text, the assertion reports of bit sets, and path names.
+// The core library: text, assertion reports and trace lines, the assertion
+// reports of bit sets, and path names.
 // The joinable deflate segments are read back in every archive (and in the
 // background packer's own test), and their cost is a benchmark's figure.
 
@@ -15,6 +16,7 @@
 #include "core/EnumSet.h"
 #include "core/LongFileName.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -41,6 +43,25 @@ TEST(AStringTest, NarrowTextSurvivesTheRoundTripThroughWide) {
     EXPECT_EQ(VEL_ANSI(AString(bytes.data(), bytes.size())), bytes);
   }
   EXPECT_EQ(AString("cut\xC3").length(), 4u);
+}
+
+// Assertion reports and trace lines go to standard error only while the debug
+// variable is defined (whatever its value), never to standard output.
+TEST(AssertAndTraceTest, StandardErrorOnlyWhileDebugIsDefined) {
+  for (const bool debug : {false, true}) {
+    veltest::ScopedEnv env("VELTAR_EXTRACTA_DEBUG",
+                           debug ? std::optional<std::string>("1") : std::nullopt);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    VEL_ASSERT_REPORT("ExtractaExecutor", 77, false, "!\"view creation failed\"");
+    VelDebug(1, L"*StartChildProcess: %s \n", L"extracta \u00FC");
+    VelDebug(2, L"count %d", 3);  // a line end is added
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(err, debug ? "Assertion failed: ExtractaExecutor(77): !\"view creation failed\"\n"
+                           "*StartChildProcess: extracta \xC3\xBC \ncount 3\n"
+                         : "");
+  }
 }
 
 TEST(AStringTest, FormatReadsPercentSAsWideText) {

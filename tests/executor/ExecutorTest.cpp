@@ -1,7 +1,7 @@
-// ExtractaExecutor: a clash of the working directory with another run's; the
-// background packer, and the zip writer under it. The one-process run,
-// packaging (the filters, added files, moves) and its failures, and a full
-// disk while the archive is written, are shown end to end (tests/e2e,
+// ExtractaExecutor: a clash of the working directory with another run's;
+// packaging from the working directory's listing, the background packer, and
+// the zip writer under it. The one-process run, packaging's failures, and a
+// full disk while the archive is written, are shown end to end (tests/e2e,
 // tests/faults).
 
 #include <ctime>
@@ -73,6 +73,32 @@ TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
 }
 
 using Names = std::vector<std::string>;
+
+// Packaging from the working directory's listing: the ".txt" filter lets
+// through the top-level files whose extension is exactly ".txt" (not ".TXT",
+// nor a file in a subdirectory), a move replaces a file of the same name and
+// leaves the filtered ones behind, and an added file that does not exist is
+// skipped.
+TEST_F(ExecutorTest, PackagingTakesTheExactExtensionAndAMoveReplaces) {
+  ExtractaExecutor executor;
+  ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
+  const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
+  for (const char* name : {"layer.txt", ".txt", "notes.TXT", "README"})
+    WriteFile(work + name, name);
+  MakeDirectory(work + "extra");
+  WriteFile(work + "extra/inside.txt", "inside");
+  const TempDir out;
+  WriteFile(out / "added.csv", "added");
+  EXPECT_TRUE(executor.addFilesToWorkingDir({AString(out / "added.csv"), AString(out / "no.csv")}));
+  ASSERT_TRUE(executor.zipActiveViews(AString(out / "views.vlx"), AString(".txt")));
+  EXPECT_EQ(
+      ArchiveNames(out / "views.vlx"),
+      (std::vector<std::string>{WithoutRoot(work + ".txt"), WithoutRoot(work + "layer.txt")}));
+  WriteFile(out / "layer.txt", "an older view");
+  ASSERT_TRUE(executor.moveActiveViews(AString(out.path()), AString(".txt")));
+  EXPECT_EQ(ReadFile(out / "layer.txt"), "layer.txt");
+  EXPECT_EQ(ListDir(work), (std::vector<std::string>{"README", "added.csv", "extra", "notes.TXT"}));
+}
 
 // Whether an entry's data ends as joined segments end: a sync flush's empty
 // stored block, then the final block. The zip writer's own deflate does not.

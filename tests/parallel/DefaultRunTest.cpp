@@ -1,9 +1,9 @@
 // The default run: which processes start and in which order, how many at
 // once, which nets are split and what the merged connectivity file holds, end
-// to end through the built program and the stand-in extractor; the merge on
-// pieces written by hand; and what the executor keeps of a run, which only
-// the executor shows. (A child failing anywhere ends the whole run cleanly:
-// the fault matrix, ExtractorFaults.ChildFailures, proves that end to end.)
+// to end through the built program and the stand-in extractor; and the merge
+// on pieces written by hand. (A child failing anywhere ends the whole run
+// cleanly: the fault matrix, ExtractorFaults.ChildFailures, proves that end
+// to end.)
 
 #ifndef _WIN32
 #include <sys/syscall.h>
@@ -21,10 +21,8 @@
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
 #include "executor/ConnectivityMerge.h"
-#include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
 #include "tests/support/TestSupport.h"
-#include "views/ViewTypes.h"
 
 namespace {
 
@@ -197,48 +195,6 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
     EXPECT_EQ(ReadFile(dir / "conn.txt"), c.combined);
     EXPECT_EQ(merge.filesAdded(), static_cast<int>(c.pieces.size()));
     EXPECT_EQ(merge.bytesWritten(), c.combined.size());
-  }
-}
-
-// The default view creation on an executor directly, where its error message
-// and active view list can be looked at: conn first, then the other views in
-// the set's order, and the pool limit back at its default; a merge failure
-// is stored with the operation's prefix.
-TEST(DefaultRunExecutor, ListsConnFirstAndKeepsTheMergesMessage) {
-  TempDir dir;
-  const std::string design = WithConnectivity(
-      MakeDesign(dir.path(), 5, 100), dir / "two.mcm",
-      {{"A", "ETCH"}, {"A", "PIN"}, {"A", "VIA CLASS"}, {"B", "PIN"}, {"B", "ETCH"}});
-  for (const bool failing : {false, true}) {
-    ScopedEnv extractor("VELTAR_EXTRACTA_PATHOVERRIDE", BinPath("extracta-sim"));
-    ScopedEnv debug("VELTAR_EXTRACTA_DEBUG", std::nullopt);
-    ScopedEnv match("EXTRACTA_SIM_MATCH", "extracta_control_conn1_B_PIN.txt");
-    ScopedEnv output("EXTRACTA_SIM_OUTPUT",
-                     failing ? std::optional<std::string>("none") : std::nullopt);
-    ExtractaExecutor executor;
-    ExtractaViewGenerator::maxConcurrentExtractas = 7;
-    ASSERT_TRUE(executor.createWorkingDir(AString(dir.path())));
-    const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
-    std::vector<ActiveView> views;
-    EXPECT_EQ(
-        executor.createExtractaControlFileAndViewsMP(AString(design), kStandardViews, {}, views),
-        !failing);
-    EXPECT_EQ(ExtractaViewGenerator::maxConcurrentExtractas,
-              ExtractaViewGenerator::DefaultConcurrencyLimit());
-    if (failing) {
-      EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
-                "createExtractaControlFileAndViewsMP: createExtractaControlFileAndViewsMP failed "
-                "to open file " +
-                    work + "conn1_B_PIN.txt");
-      EXPECT_TRUE(views.empty());
-      continue;
-    }
-    std::vector<ActiveView> expected = {{kConn, AString(work + "conn.txt")}};
-    int other = 0;
-    for (const ViewType type : {kLayer, kPadDef, kFullGeo, kDieStack, kNet, kComponent, kOutline,
-                                kCompositePad, kLogicalPin})
-      expected.push_back({type, AString(work + kOtherStandardViews[other++] + ".txt")});
-    EXPECT_EQ(views, expected);
   }
 }
 
