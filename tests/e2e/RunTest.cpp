@@ -84,8 +84,7 @@ TEST(TerminalRunTest, AStatusLineShowsOnATerminalOnly) {
                            "\" /dev/null",
                        std::to_string(cases[i].columns)};
     ProgramRun run({"-z", design, dir / ("out" + std::to_string(i) + ".vlx")}, options);
-    std::string shown = run.Wait().out;
-    for (std::size_t at; (at = shown.find("\r\n")) != std::string::npos;) shown.erase(at, 1);
+    const std::string shown = WithoutCarriageReturns(run.Wait().out);
     EXPECT_EQ(run.Wait().exitCode, cases[i].exitCode) << shown;
     if (cases[i].lastLine.empty()) {
       EXPECT_EQ(shown.find_first_of("\r\x1b"), std::string::npos) << shown;

@@ -146,6 +146,13 @@ std::string ReadIfAny(const std::string& path) {
   return text.str();
 }
 
+std::string WithoutCarriageReturns(const std::string& text) {
+  std::string lines;
+  for (std::size_t i = 0; i < text.size(); ++i)
+    if (text[i] != '\r' || i + 1 == text.size() || text[i + 1] != '\n') lines += text[i];
+  return lines;
+}
+
 bool PathExists(const std::string& path) {
   std::error_code ec;
   return fs::exists(fs::symlink_status(fs::u8path(path), ec));
@@ -210,11 +217,6 @@ HANDLE OpenInheritable(const std::string& path, DWORD access, DWORD disposition)
                                   &attributes, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (file == INVALID_HANDLE_VALUE) throw std::runtime_error("cannot open " + path);
   return file;
-}
-
-std::string WithoutCarriageReturns(std::string text) {
-  for (std::size_t at; (at = text.find("\r\n")) != std::string::npos;) text.erase(at, 1);
-  return text;
 }
 
 }  // namespace

@@ -67,6 +67,8 @@ class ScopedEnv {
 std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 bool PathExists(const std::string& path);
+// The text with each CR LF line end turned into LF.
+std::string WithoutCarriageReturns(const std::string& text);
 // True when the directory was made (it did not exist).
 bool MakeDirectory(const std::string& path);
 // A file name as the system allows it: on Windows without the double quotes
