@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "core/ExtractaParserException.h"
+#include "core/File.h"
 #include "core/VelAssert.h"
 #include "executor/BackgroundPacker.h"
 #include "process/ExtractaViewGenerator.h"
@@ -21,6 +22,11 @@
 #define VEL_ASSERT_SOURCE "ExtractaExecutor"
 
 namespace {
+
+// How many run numbers from the computed one a run tries before it gives up:
+// far more runs than start together on one base in practice, few enough that
+// a base full of foreign "extract" directories fails quickly.
+constexpr int kWorkingDirTries = 1000;
 
 // Days from 1970-01-01 to the given civil date of the proleptic Gregorian
 // calendar (negative before it).
@@ -77,12 +83,21 @@ bool ExtractaExecutor::createWorkingDir(const AString& base) {
   const int runNumber = LocalRunNumber();
   deleteWorkingDir();
 
-  AString directory;
-  directory.Format(L"%sextract%d/", baseDir.FilePath().c_str(), runNumber);
-  workingDir = LongFileName(directory);
-  // Only a directory this run made itself is ever removed: another run on the
-  // same base in the same second computes the same name.
-  createdWorkingDir = LFN_CreateDirectory(workingDir);
+  // Runs started together on one base (a batch script, several simulation
+  // tools) compute the same number: a name that is taken already moves the
+  // run to the next number up. Each try creates the directory in one step, so
+  // of two runs racing for a name exactly one gets it, and a run only ever
+  // works in, and removes, a directory it made itself.
+  for (int tries = 0; tries < kWorkingDirTries; ++tries) {
+    AString directory;
+    directory.Format(L"%sextract%d/", baseDir.FilePath().c_str(),
+                     static_cast<int>(static_cast<uint32_t>(runNumber) + tries));
+    workingDir = LongFileName(directory);
+    createdWorkingDir = LFN_CreateDirectory(workingDir);
+    // A name that is free and still cannot be made (a base that may not be
+    // written, a full disk) fails the same way at the next number.
+    if (createdWorkingDir || !VeltPathExists(workingDir.FilePath())) break;
+  }
   if (!createdWorkingDir) {
     VEL_ASSERT(!"VelLinkServer::createExtractaViews, could not create working directory");
     errorMessage.Format(L"Could not create working directory at \"%s\"",

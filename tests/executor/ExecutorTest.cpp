@@ -40,36 +40,50 @@ class ExecutorTest : public ::testing::Test {
   TempDir base;
 };
 
-// Two runs on one base in one second compute the same name, the local
-// clock's seconds. The later one fails, and neither it nor its destructor
-// touches the earlier run's files.
-TEST_F(ExecutorTest, AClashingRunKeepsTheEarlierDirectory) {
-  // The earlier run's directories for every second this test may take.
-  const long now = LocalSecondsNow();
-  for (long n = now - 1; n <= now + 30; ++n) {
-    const std::string dir = base / ("extract" + std::to_string(n));
-    MakeDirectory(dir);
-    WriteFile(dir + "/layer.txt", "S!earlier!\r\n");
+// Runs on one base in one second compute the same name, the local clock's
+// seconds. A run whose name is taken moves to the next number up, as far as a
+// thousand numbers on; past that it fails. Either way the directories it did
+// not make keep their files, and its own goes when it is destroyed.
+TEST_F(ExecutorTest, ARunTakesTheNextFreeNumberAndGivesUpAfterAThousand) {
+  const struct {
+    long taken;  // names taken from the second before the run on
+    bool created;
+  } rows[] = {{31, true}, {1040, false}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.taken);
+    const TempDir runBase;
+    const long now = LocalSecondsNow();
+    for (long n = now - 1; n < now - 1 + row.taken; ++n) {
+      const std::string dir = runBase / ("extract" + std::to_string(n));
+      MakeDirectory(dir);
+      WriteFile(dir + "/layer.txt", "S!earlier!\r\n");
+    }
+    const auto earlier = Snapshot(runBase.path());
+    std::string own;
+    {
+      ScopedAssertCapture capture;
+      ExtractaExecutor executor;
+      EXPECT_EQ(executor.createWorkingDir(AString(runBase.path())), row.created);
+      own = VEL_ANSI(executor.getWorkingDir().FilePath());
+      EXPECT_EQ(own.rfind(runBase.path() + "/extract", 0), 0u) << own;
+      const long number = std::stol(own.substr(runBase.path().size() + 8));
+      if (row.created) {
+        EXPECT_EQ(number, now - 1 + row.taken);
+        EXPECT_EQ(ListDir(own), std::vector<std::string>{});
+        EXPECT_TRUE(capture.reports().empty());
+      } else {
+        // The last name tried stays the executor's working directory.
+        EXPECT_GE(number, now + 998);
+        EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
+                  "Could not create working directory at \"" + own + "\"");
+        EXPECT_TRUE(capture.Saw(
+            "ExtractaExecutor",
+            "!\"VelLinkServer::createExtractaViews, could not create working directory\""));
+        EXPECT_TRUE(executor.deleteWorkingDir());
+      }
+    }
+    EXPECT_EQ(Snapshot(runBase.path()), earlier);
   }
-  const auto earlier = ListDir(base.path());
-  {
-    ScopedAssertCapture capture;
-    ExtractaExecutor executor;
-    EXPECT_FALSE(executor.createWorkingDir(AString(base.path())));
-    EXPECT_TRUE(
-        capture.Saw("ExtractaExecutor",
-                    "!\"VelLinkServer::createExtractaViews, could not create working directory\""));
-    // The name that could not be created stays the executor's working directory.
-    const std::string clash = VEL_ANSI(executor.getWorkingDir().FilePath());
-    EXPECT_EQ(clash.rfind(base.path() + "/extract", 0), 0u) << clash;
-    EXPECT_EQ(VEL_ANSI(executor.getErrorMessage()),
-              "Could not create working directory at \"" + clash + "\"");
-    EXPECT_TRUE(executor.deleteWorkingDir());
-    EXPECT_EQ(ReadFile(clash + "layer.txt"), "S!earlier!\r\n");
-  }
-  EXPECT_EQ(ListDir(base.path()), earlier);
-  for (const auto& name : earlier)
-    EXPECT_EQ(ReadFile(base / name + "/layer.txt"), "S!earlier!\r\n");
 }
 
 using Names = std::vector<std::string>;

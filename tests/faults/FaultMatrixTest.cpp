@@ -536,11 +536,5 @@ TEST_F(NameFaults, NetNamesWithAwkwardCharacters) {
 //   net option: every net's records are surveyed and extracted. Up to 11
 //   nets restrict the run to those nets.
 // Proof: tests/views/ViewsTest.cpp ExtractaViewDefTest.NetFiltersFollowTheCountOfNets
-// Row: two runs in the same second on the same base
-// Outcome: the later run cannot create the working directory the earlier
-//   one made and fails (exit 1, "view creation failed (1)."), without
-//   removing that directory: the earlier run finishes and delivers all its
-//   views.
-// Proof: tests/executor/ExecutorTest.cpp ExecutorTest.AClashingRunKeepsTheEarlierDirectory
 
 }  // namespace
