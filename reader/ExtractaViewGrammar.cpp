@@ -11,6 +11,7 @@
 #include <boost/spirit/include/qi.hpp>
 
 #include "core/ExtractaParserException.h"
+#include "reader/FieldList.h"
 
 namespace qi = boost::spirit::qi;
 
@@ -45,17 +46,10 @@ class ExtractaViewGrammar : public qi::grammar<Iterator> {
  public:
   explicit ExtractaViewGrammar(ExtractaViewData& data)
       : ExtractaViewGrammar::base_type(start), data_(&data) {
-    using qi::char_;
     using qi::lit;
-    using qi::raw;
     namespace phx = boost::phoenix;
 
-    // A field stops at "!" and at a CR LF pair; a lone CR or LF is text. A
-    // field may be empty, so every "!" after the first field yields one more.
-    // Blank lines after a record are skipped. raw[] hands over the field's
-    // bytes as one range, so its string is built at once rather than appended
-    // byte by byte.
-    fieldList = (raw[*((char_ - lit("\r\n")) - lit('!'))] % lit('!')) >> *lit("\r\n");
+    DefineFieldList(fieldList);
 
     start = lit("A!") >> fieldList[phx::bind(&ExtractaViewGrammar::onHeader, this, qi::_1)] >>
             lit("J!") >> fieldList[phx::bind(&ExtractaViewData::setJRecord, data_, qi::_1)] >>

@@ -4,7 +4,9 @@
 // that cannot be read, and the columns a header enters.
 
 #include "reader/ExtractaViewGrammar.h"
+#include "reader/ViewFileScanner.h"
 
+#include <algorithm>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -57,6 +59,61 @@ TEST(ViewFileParser, FailuresCountTheRowsReadAndNameTheFile) {
   ExtractaViewData data;
   EXPECT_EQ(MessageOf(dir / "missing.txt", data), "Could not open file: " + (dir / "missing.txt"));
   EXPECT_EQ(MessageOf(dir.path(), data), "Could not open file: " + dir.path());
+}
+
+// The record-by-record reader against the whole-file one, on every text fed
+// in pieces of several sizes (down to a byte, so that every place a piece can
+// end is met): the same records, header and J record, or the same failure.
+TEST(ViewFileParser, RecordByRecordReadsAsTheWholeFile) {
+  veltest::TempDir dir;
+  const std::string path = dir / "survey.txt";
+  const std::string texts[] = {
+      "A!NET_NAME!\r\nJ!x\r\n\r\nS!\0\xff\r!\r\nS!b!\r\n"s,
+      "A!NET_NAME!\r\n\r\nJ!x!\r\nS!a\r\n\r\n\r\nS!b!c",
+      "A!N!\r\nJ!x!\r\nS!a!\r\nS!b!\r\n\r\nS!c!\r\nT!d!\r\nS!e!\r\n",
+      "A!N!\r\nJ!x!\r\nS!a!\r\n\n",
+      "A!N!\r\nJ!x!\r\nS!a!\r\n\rS!b!\r\n",
+      "A!N!\r\nJ!x!\r\nS!a!\r\nS",
+      "A!N!\r\nJ!x!\r\nS!a\nS!b\r\n",
+      "A!N!\r\nJ!x!\r\n",
+      "A!N!\r\nJ!x!",
+      "A!N!\r\nS!GND!\r\n",
+      "A!N!\r\n\rJ!x!\r\nS!a\r\n",
+      "A!NET_NAME!\nJ!x!\nS!GND!\n",
+      "J!x!\r\nS!a!\r\n",
+      "",
+  };
+  for (const std::string& text : texts) {
+    veltest::WriteFile(path, text);
+    ExtractaViewData whole;
+    const std::string expected = MessageOf(path, whole);
+    for (const std::size_t piece : {std::size_t{1}, std::size_t{3}, text.size() + 1}) {
+      SCOPED_TRACE(::testing::Message() << text << " in pieces of " << piece);
+      ExtractaViewData::Rows rows;
+      ViewFileScanner scanner(path, [&](const ExtractaViewData::Row& row) { rows.push_back(row); });
+      std::string message;
+      try {
+        for (std::size_t at = 0; at < text.size(); at += piece)
+          scanner.feed(text.data() + at, std::min(piece, text.size() - at));
+        scanner.finish();
+      } catch (const ExtractaParserException& e) {
+        message = e.what();
+      }
+      EXPECT_EQ(message, expected);
+      if (!expected.empty()) continue;
+      EXPECT_EQ(rows, whole.sRecords());
+      EXPECT_EQ(scanner.records(), rows.size());
+      EXPECT_EQ(scanner.header().columns(), whole.columns());
+      EXPECT_EQ(scanner.header().jRecord(), whole.jRecord());
+    }
+  }
+  ViewFileScanner missing(dir / "missing.txt", nullptr);
+  try {
+    scanViewFile(dir / "missing.txt", missing);
+    ADD_FAILURE() << "a missing file was read";
+  } catch (const ExtractaParserException& e) {
+    EXPECT_EQ(std::string(e.what()), "Could not open file: " + (dir / "missing.txt"));
+  }
 }
 
 TEST(ViewFileParser, ColumnsTakeTheCountOfDistinctNamesBeforeThem) {
