@@ -29,7 +29,7 @@ class CZipArchive;
 class BackgroundPacker {
  public:
   // Compressed data beyond this waits in a temporary file.
-  static constexpr std::size_t kMemoryBudget = 32 << 20;
+  static constexpr std::size_t kMemoryBudget = 4 << 20;
   // Uncompressed bytes per segment: the unit of work a thread takes.
   static constexpr std::size_t kSegmentBytes = 2 << 20;
 

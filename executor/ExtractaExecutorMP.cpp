@@ -29,7 +29,7 @@
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
 #include "reader/ExtractaViewData.h"
-#include "reader/ExtractaViewGrammar.h"
+#include "reader/ViewFileScanner.h"
 #include "views/ExtractaViewControl.h"
 #include "views/ExtractaViewDef.h"
 #include "views/ViewTypes.h"
@@ -55,39 +55,47 @@ using GeneratorList = std::vector<GeneratorPtr>;
 using RankedNets = std::vector<std::pair<uint64_t, std::string>>;
 
 // Counts the survey's records per NET_NAME text (the empty name counts like
-// any other).
-std::map<std::string, uint64_t> CountRecordsPerNet(const ExtractaViewData& survey,
-                                                   const AString& surveyFile) {
-  const uint32_t netColumn = survey.columnIndex("NET_NAME");
-  // A survey without the column is a broken survey, whether or not it found
-  // records: its nets cannot be told apart.
-  if (netColumn == ExtractaViewData::kNoColumn) {
-    throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) +
-                                  " has no NET_NAME column");
-  }
-
+// any other) while reading it record by record: only a count per net is
+// kept, so memory follows the number of nets, not the size of the design.
+// Fails as a read of the whole table would: a text that is no view file with
+// the reader's message, then a survey without the column, then the first
+// record without the field.
+std::map<std::string, uint64_t> CountRecordsPerNet(const AString& surveyFile, uint64_t& records) {
+  const std::string path = VEL_ANSI(surveyFile);
+  std::map<std::string, uint64_t> recordsPerNet;
+  uint32_t netColumn = ExtractaViewData::kNoColumn;
+  uint64_t shortRecord = 0;  // the first record without the field, from 1
   // extracta lists a net's records together, so most records name the same
   // net as the one before; counting a run of them locally saves a map lookup
   // per record, and any other order gives the same counts.
-  std::map<std::string, uint64_t> recordsPerNet;
-  const ExtractaViewData::Rows& records = survey.sRecords();
-  const std::string* runNet = nullptr;
+  std::string runNet;
   uint64_t runLength = 0;
-  for (std::size_t i = 0; i < records.size(); ++i) {
-    if (netColumn >= records[i].size()) {
-      throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) + " record " +
-                                    std::to_string(i + 1) + " has no NET_NAME field");
+  ViewFileScanner scanner(path, [&](const ExtractaViewData::Row& record) {
+    if (records++ == 0) netColumn = scanner.header().columnIndex("NET_NAME");
+    if (netColumn >= record.size()) {
+      if (shortRecord == 0) shortRecord = records;
+      return;
     }
-    const std::string& net = records[i][netColumn];
-    if (runNet != nullptr && net == *runNet) {
+    const std::string& net = record[netColumn];
+    if (runLength > 0 && net == runNet) {
       ++runLength;
-      continue;
+      return;
     }
-    if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
-    runNet = &net;
+    if (runLength > 0) recordsPerNet[runNet] += runLength;
+    runNet = net;
     runLength = 1;
+  });
+  scanViewFile(path, scanner);
+  if (runLength > 0) recordsPerNet[runNet] += runLength;
+
+  // A survey without the column is a broken survey, whether or not it found
+  // records: its nets cannot be told apart.
+  if (scanner.header().columnIndex("NET_NAME") == ExtractaViewData::kNoColumn)
+    throw ExtractaParserException("connectivity survey " + path + " has no NET_NAME column");
+  if (shortRecord != 0) {
+    throw ExtractaParserException("connectivity survey " + path + " record " +
+                                  std::to_string(shortRecord) + " has no NET_NAME field");
   }
-  if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
   return recordsPerNet;
 }
 
@@ -143,12 +151,11 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         ExtractaViewGenerator survey(design, ExtractaViewDef::MakeNetListDef(nets), workingDir,
                                      generatorOption, AString(L"nets"));
         const AString surveyFile = survey.waitForViewFile().path;
-        ExtractaViewData surveyData;
-        readViewFile(VEL_ANSI(surveyFile), surveyData);
-        VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
-                 static_cast<int>(surveyData.sRecords().size()));
+        uint64_t surveyRecords = 0;
         const std::map<std::string, uint64_t> recordsPerNet =
-            CountRecordsPerNet(surveyData, surveyFile);
+            CountRecordsPerNet(surveyFile, surveyRecords);
+        VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
+                 static_cast<int>(surveyRecords));
         const RankedNets ranked = RankNets(recordsPerNet);
 
         std::vector<AString> splitNets;
@@ -168,8 +175,6 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
             design, ExtractaViewDef(kConn, splitNets, true), workingDir, generatorOption,
             AString(L"remainder")));
-        // The survey's table goes only now, while the first connectivity run
-        // already works: releasing a large table takes a while.
       }
 
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
