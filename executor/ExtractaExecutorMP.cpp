@@ -8,15 +8,11 @@
 // generator pool, so a child failing anywhere ends the operation during
 // whichever wait is in progress.
 
-#include <algorithm>
 #include <cstdint>
 #include <exception>
-#include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include <boost/lexical_cast.hpp>
 #include <boost/make_shared.hpp>
 #include <boost/shared_ptr.hpp>
 
@@ -26,6 +22,7 @@
 #include "core/VelDebug.h"
 #include "executor/BackgroundPacker.h"
 #include "executor/ConnectivityMerge.h"
+#include "executor/ConnectivitySplit.h"
 #include "executor/ExtractaExecutor.h"
 #include "process/ExtractaViewGenerator.h"
 #include "reader/ExtractaViewData.h"
@@ -36,28 +33,12 @@
 
 namespace {
 
-// Nets with the most connectivity records that get processes of their own.
-constexpr std::size_t kMaxSplitNets = 4;
-
-// The class groups a split net is extracted in. Together they are exactly the
-// classes the connectivity view admits, so the three pieces of a net hold what
-// one connectivity run would hold for it.
-const std::vector<std::vector<AString>> kClassGroups = {
-    {L"CONDUCTOR", L"ETCH"},
-    {L"PIN"},
-    {L"VIA CLASS"},
-};
-
 using GeneratorPtr = boost::shared_ptr<ExtractaViewGenerator>;
 using GeneratorList = std::vector<GeneratorPtr>;
 
-// (count, net name), ranked largest first.
-using RankedNets = std::vector<std::pair<uint64_t, std::string>>;
-
-// Counts the survey's records per NET_NAME text (the empty name counts like
-// any other).
-std::map<std::string, uint64_t> CountRecordsPerNet(const ExtractaViewData& survey,
-                                                   const AString& surveyFile) {
+// Counts the survey's records per NET_NAME text.
+void CountRecordsPerNet(const ExtractaViewData& survey, const AString& surveyFile,
+                        NetRecordCounts& counts) {
   const uint32_t netColumn = survey.columnIndex("NET_NAME");
   // A survey without the column is a broken survey, whether or not it found
   // records: its nets cannot be told apart.
@@ -65,51 +46,14 @@ std::map<std::string, uint64_t> CountRecordsPerNet(const ExtractaViewData& surve
     throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) +
                                   " has no NET_NAME column");
   }
-
-  // extracta lists a net's records together, so most records name the same
-  // net as the one before; counting a run of them locally saves a map lookup
-  // per record, and any other order gives the same counts.
-  std::map<std::string, uint64_t> recordsPerNet;
   const ExtractaViewData::Rows& records = survey.sRecords();
-  const std::string* runNet = nullptr;
-  uint64_t runLength = 0;
   for (std::size_t i = 0; i < records.size(); ++i) {
     if (netColumn >= records[i].size()) {
       throw ExtractaParserException("connectivity survey " + VEL_ANSI(surveyFile) + " record " +
                                     std::to_string(i + 1) + " has no NET_NAME field");
     }
-    const std::string& net = records[i][netColumn];
-    if (runNet != nullptr && net == *runNet) {
-      ++runLength;
-      continue;
-    }
-    if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
-    runNet = &net;
-    runLength = 1;
+    counts.add(records[i][netColumn]);
   }
-  if (runNet != nullptr) recordsPerNet[*runNet] += runLength;
-  return recordsPerNet;
-}
-
-// The nets descending by record count, and among equal counts descending by
-// name (byte-wise), so that of two nets tied for the last split place the
-// greater name is split.
-RankedNets RankNets(const std::map<std::string, uint64_t>& recordsPerNet) {
-  RankedNets ranked;
-  ranked.reserve(recordsPerNet.size());
-  for (const auto& [net, count] : recordsPerNet) ranked.emplace_back(count, net);
-  std::sort(ranked.begin(), ranked.end());
-  std::reverse(ranked.begin(), ranked.end());
-  return ranked;
-}
-
-// "<index>_<net>_<classes joined by _>", e.g. "0_GND_CONDUCTOR_ETCH". The index
-// keeps the names of different nets apart even where the generator's file name
-// sanitising makes the nets themselves look alike.
-AString SplitRunName(std::size_t index, const AString& net, const std::vector<AString>& classes) {
-  AString name = AString(boost::lexical_cast<std::string>(index)) + L"_" + net;
-  for (const AString& className : classes) name += L"_" + className;
-  return name;
 }
 
 }  // namespace
@@ -147,26 +91,19 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         readViewFile(VEL_ANSI(surveyFile), surveyData);
         VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
                  static_cast<int>(surveyData.sRecords().size()));
-        const std::map<std::string, uint64_t> recordsPerNet =
-            CountRecordsPerNet(surveyData, surveyFile);
-        const RankedNets ranked = RankNets(recordsPerNet);
-
-        std::vector<AString> splitNets;
-        const std::size_t splitCount = std::min(kMaxSplitNets, ranked.size());
-        for (std::size_t i = 0; i < splitCount; ++i) {
-          const AString net(ranked[i].second);
-          for (const std::vector<AString>& classes : kClassGroups) {
-            connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
-                design, ExtractaViewDef::MakeNetClassDef(net, classes), workingDir, generatorOption,
-                SplitRunName(i, net, classes)));
-          }
-          splitNets.push_back(net);
+        NetRecordCounts counts;
+        CountRecordsPerNet(surveyData, surveyFile, counts);
+        const SplitPlan plan = PlanSplit(RankNets(counts));
+        for (const SplitRun& run : plan.runs) {
+          connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
+              design, ExtractaViewDef::MakeNetClassDef(run.net, run.classes), workingDir,
+              generatorOption, run.name));
         }
 
         // The remainder takes every net not split, whatever the net selection:
         // it excludes the split nets and selects nothing.
         connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
-            design, ExtractaViewDef(kConn, splitNets, true), workingDir, generatorOption,
+            design, ExtractaViewDef(kConn, plan.splitNets, true), workingDir, generatorOption,
             AString(L"remainder")));
         // The survey's table goes only now, while the first connectivity run
         // already works: releasing a large table takes a while.
