@@ -75,7 +75,10 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   if (options.zip) executor.packWhileExtracting();
   const bool created = executor.createExtractaViews(designText, AString(base.u8string()), views,
                                                     options.nets, activeViews);
-  if (created && !options.adds.empty()) executor.addFilesToWorkingDir(options.adds);
+  // Without a working directory there is nothing to add to; packaging then
+  // finds nothing either.
+  if (created && !options.adds.empty() && !executor.addFilesToWorkingDir(options.adds))
+    VelDebug(1, L"addFilesToWorkingDir: no working directory\n");
   progress.clear();
 
   // An interrupted run delivers nothing, whatever its children had finished.

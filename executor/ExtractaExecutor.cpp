@@ -14,6 +14,7 @@
 
 #include "core/ExtractaParserException.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "executor/BackgroundPacker.h"
 #include "process/ExtractaViewGenerator.h"
 #include "views/ExtractaViewControl.h"
@@ -123,8 +124,10 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
     // stream on Windows would turn into CR CR LF.
     std::ofstream control(VEL_ANSI(controlFile.FilePath()),
                           std::ios::out | std::ios::trunc | std::ios::binary);
-    // A control file that could not be written shows up as extracta's failure.
-    WriteControlFile(control, views, nets);
+    // A control file that could not be written shows up as extracta's failure;
+    // the trace says where it began.
+    if (!WriteControlFile(control, views, nets))
+      VelDebug(1, L"createExtractaViews: writing %s failed\n", controlFile.FilePath().c_str());
   }
 
   std::vector<ActiveView> produced;

@@ -115,7 +115,12 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       for (const GeneratorPtr& generator : connGenerators) {
         const AString piece = generator->waitForViewFile().path;
         if (onStep) onStep("merging connectivity");
-        merge.add(piece);
+        try {
+          merge.add(piece);
+        } catch (const ExtractaParserException& failure) {
+          throw ExtractaParserException(std::string("createExtractaControlFileAndViewsMP ") +
+                                        failure.what());
+        }
         pieces.push_back(VEL_ANSI(piece));
       }
       if (packer) packer->combinedFrom(VEL_ANSI(combinedPath), pieces);

@@ -1,5 +1,6 @@
 #include "reader/ExtractaViewGrammar.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -100,7 +101,10 @@ void readViewFile(const std::string& path, ExtractaViewData& data) {
   std::error_code error;
   const std::uintmax_t size = std::filesystem::file_size(std::filesystem::u8path(path), error);
   std::unique_ptr<std::FILE, FileCloser> file(error ? nullptr : std::fopen(path.c_str(), "rb"));
-  if (!file) throw ExtractaParserException("Could not open file: " + path);
+  // The system's reason follows the path, so that the stored message says why.
+  if (!file && !error) error = std::error_code(errno, std::generic_category());
+  if (!file)
+    throw ExtractaParserException("Could not open file: " + path + " (" + error.message() + ")");
 
   // Not a std::string: its resize would write every byte once before the read
   // writes it again, a wasted pass over a file of gigabytes.

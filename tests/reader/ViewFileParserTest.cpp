@@ -17,6 +17,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::Pair;
+using ::testing::StartsWith;
 using namespace std::string_literals;
 
 // The failure message of reading `path` ("" on success).
@@ -55,8 +56,9 @@ TEST(ViewFileParser, FailuresCountTheRowsReadAndNameTheFile) {
     }
   }
   ExtractaViewData data;
-  EXPECT_EQ(MessageOf(dir / "missing.txt", data), "Could not open file: " + (dir / "missing.txt"));
-  EXPECT_EQ(MessageOf(dir.path(), data), "Could not open file: " + dir.path());
+  // The system's reason follows the path.
+  for (const std::string& path : {dir / "missing.txt", dir.path()})
+    EXPECT_THAT(MessageOf(path, data), StartsWith("Could not open file: " + path + " ("));
 }
 
 TEST(ViewFileParser, ColumnsTakeTheCountOfDistinctNamesBeforeThem) {
