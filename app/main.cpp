@@ -70,7 +70,8 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   const fs::path base =
       fs::is_directory(StatusOf(outputPath)) ? outputPath : designPath.parent_path();
 
-  ProgressLine progress(executor);
+  ProgressLine progress;
+  executor.reportTo(&progress);
   std::vector<ActiveView> activeViews;
   if (options.zip) executor.packWhileExtracting();
   const bool created = executor.createExtractaViews(designText, AString(base.u8string()), views,

@@ -63,7 +63,9 @@ ExtractaExecutor::~ExtractaExecutor() {
 }
 
 void ExtractaExecutor::packWhileExtracting() {
-  if (!packer) packer.reset(new BackgroundPacker());
+  if (packer) return;
+  packer.reset(new BackgroundPacker());
+  reports.add(packer.get());
 }
 
 bool ExtractaExecutor::createWorkingDir(const AString& base) {
@@ -134,7 +136,7 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
   CollectViewFiles(views, workingDir, produced);
   try {
     ExtractaViewGenerator::runExtracta(LongFileName(designFile), controlFile, generatorOption,
-                                       produced, workingDir);
+                                       produced, workingDir, &reports);
     for (const ActiveView& view : produced) requireViewFile(view.path);
   } catch (const std::exception& e) {
     errorMessage = AString("extracta run failed: ") + AString(e.what());

@@ -66,8 +66,6 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
   VelDebug(1, L"*createExtractaControlFileAndViewsMP: workingdir %s\n",
            workingDir.FilePath().c_str());
 
-  // Declared first, so that it is removed after the generators are dropped.
-  const BackgroundPacker::Listening packing(packer.get());
   GeneratorList otherGenerators;
   GeneratorList connGenerators;
   try {
@@ -79,13 +77,14 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       const ViewType type = views.GetAt(n);
       if (type == kConn) continue;
       otherGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
-          design, ExtractaViewDef(type, nets, false), workingDir, generatorOption, AString()));
+          design, ExtractaViewDef(type, nets, false), workingDir, generatorOption, AString(),
+          &reports));
     }
 
     if (views.Contains(kConn)) {
       {
         ExtractaViewGenerator survey(design, ExtractaViewDef::MakeNetListDef(nets), workingDir,
-                                     generatorOption, AString(L"nets"));
+                                     generatorOption, AString(L"nets"), &reports);
         const AString surveyFile = survey.waitForViewFile().path;
         ExtractaViewData surveyData;
         readViewFile(VEL_ANSI(surveyFile), surveyData);
@@ -97,14 +96,14 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         for (const SplitRun& run : plan.runs) {
           connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
               design, ExtractaViewDef::MakeNetClassDef(run.net, run.classes), workingDir,
-              generatorOption, run.name));
+              generatorOption, run.name, &reports));
         }
 
         // The remainder takes every net not split, whatever the net selection:
         // it excludes the split nets and selects nothing.
         connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
             design, ExtractaViewDef(kConn, plan.splitNets, true), workingDir, generatorOption,
-            AString(L"remainder")));
+            AString(L"remainder"), &reports));
         // The survey's table goes only now, while the first connectivity run
         // already works: releasing a large table takes a while.
       }
@@ -114,7 +113,7 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       std::vector<std::string> pieces;
       for (const GeneratorPtr& generator : connGenerators) {
         const AString piece = generator->waitForViewFile().path;
-        if (onStep) onStep("merging connectivity");
+        reports.step("merging connectivity");
         try {
           merge.add(piece);
         } catch (const ExtractaParserException& failure) {
