@@ -5,7 +5,6 @@
 #include <iostream>
 
 #include "core/Terminal.h"
-#include "executor/ExtractaExecutor.h"
 
 namespace {
 
@@ -14,32 +13,30 @@ constexpr std::chrono::milliseconds kRedrawInterval(100);
 
 }  // namespace
 
-ProgressLine::ProgressLine(ExtractaExecutor& executor)
-    : executor_(executor),
-      active_(StandardErrorIsTerminal() && std::getenv("VELTAR_EXTRACTA_DEBUG") == nullptr) {
-  if (!active_) return;
-  ExtractaViewGenerator::observer = [this](const ExtractaViewGenerator::PoolState& state) {
-    poolChanged(state);
-  };
-  executor_.onStep = [this](const char* name) { step(name); };
-  // The pool counts every child since the program began; this line counts
-  // from now.
-  pool_ = ExtractaViewGenerator::poolState();
-  endedBefore_ = pool_.ended;
+ProgressLine::ProgressLine()
+    : active_(StandardErrorIsTerminal() && std::getenv("VELTAR_EXTRACTA_DEBUG") == nullptr) {}
+
+ProgressLine::~ProgressLine() { clear(); }
+
+void ProgressLine::childQueued() {
+  ++waiting_;
+  draw();
 }
 
-ProgressLine::~ProgressLine() {
-  if (!active_) return;
-  clear();
-  ExtractaViewGenerator::observer = nullptr;
-  executor_.onStep = nullptr;
+void ProgressLine::childStarted(bool fromQueue) {
+  if (fromQueue && waiting_ > 0) --waiting_;
+  ++running_;
+  draw();
 }
 
-void ProgressLine::poolChanged(const ExtractaViewGenerator::PoolState& state) {
-  const bool changed = state.ended != pool_.ended || state.running != pool_.running ||
-                       state.waiting != pool_.waiting;
-  pool_ = state;
-  if (changed || Clock::now() - drawn_ >= kRedrawInterval) draw();
+void ProgressLine::childEnded() {
+  if (running_ > 0) --running_;
+  ++ended_;
+  draw();
+}
+
+void ProgressLine::waiting() {
+  if (Clock::now() - drawn_ >= kRedrawInterval) draw();
 }
 
 void ProgressLine::step(const char* name) {
@@ -58,10 +55,9 @@ void ProgressLine::draw() {
   if (!active_) return;
   drawn_ = Clock::now();
   const double seconds = std::chrono::duration<double>(drawn_ - start_).count();
-  const std::size_t ended = pool_.ended - endedBefore_;
   char text[160];
-  std::snprintf(text, sizeof text, "[%zu/%zu] %s, %zu running, %.1fs", ended,
-                ended + pool_.running + pool_.waiting, step_.c_str(), pool_.running, seconds);
+  std::snprintf(text, sizeof text, "[%zu/%zu] %s, %zu running, %.1fs", ended_,
+                ended_ + running_ + waiting_, step_.c_str(), running_, seconds);
   // One column short of the width: a line that fills the last column wraps
   // on some terminals, and "\r" would then rewrite only its second half.
   std::string line(text);

@@ -10,37 +10,37 @@
 // the program read exactly the lines they always did.
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 
-#include "process/ExtractaViewGenerator.h"
+#include "process/RunObserver.h"
 
-class ExtractaExecutor;
-
-class ProgressLine {
+// Follows one run as its observer: the children it knows of and the steps.
+class ProgressLine : public RunObserver {
  public:
-  // Follows the generator pool and the executor's steps while it lives.
-  explicit ProgressLine(ExtractaExecutor& executor);
-  ~ProgressLine();
+  ProgressLine();
+  ~ProgressLine() override;
   ProgressLine(const ProgressLine&) = delete;
   ProgressLine& operator=(const ProgressLine&) = delete;
 
-  void step(const char* name);
+  void childQueued() override;
+  void childStarted(bool fromQueue) override;
+  void childEnded() override;
+  void step(const char* name) override;
+  void waiting() override;
   // Erases the line, so that the next line written on either stream stands
   // on its own; a later update draws it again.
   void clear();
 
  private:
-  void poolChanged(const ExtractaViewGenerator::PoolState& state);
   void draw();
 
   using Clock = std::chrono::steady_clock;
-  ExtractaExecutor& executor_;
   bool active_;
   Clock::time_point start_ = Clock::now();
   Clock::time_point drawn_{};
   bool shown_ = false;
-  std::string line_;             // as last drawn
-  std::size_t endedBefore_ = 0;  // children of earlier runs in this process
-  ExtractaViewGenerator::PoolState pool_;
+  std::string line_;  // as last drawn
+  std::size_t ended_ = 0, running_ = 0, waiting_ = 0;
   std::string step_ = "extracting";
 };

@@ -70,12 +70,16 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   const fs::path base =
       fs::is_directory(StatusOf(outputPath)) ? outputPath : designPath.parent_path();
 
-  ProgressLine progress(executor);
+  ProgressLine progress;
+  executor.reportTo(&progress);
   std::vector<ActiveView> activeViews;
   if (options.zip) executor.packWhileExtracting();
   const bool created = executor.createExtractaViews(designText, AString(base.u8string()), views,
                                                     options.nets, activeViews);
-  if (created && !options.adds.empty()) executor.addFilesToWorkingDir(options.adds);
+  // Without a working directory there is nothing to add to; packaging then
+  // finds nothing either.
+  if (created && !options.adds.empty() && !executor.addFilesToWorkingDir(options.adds))
+    VelDebug(1, L"addFilesToWorkingDir: no working directory\n");
   progress.clear();
 
   // An interrupted run delivers nothing, whatever its children had finished.

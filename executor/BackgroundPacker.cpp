@@ -91,6 +91,8 @@ void BackgroundPacker::viewFinished(const std::string& path) {
   wake_.notify_one();
 }
 
+void BackgroundPacker::viewFinished(const ActiveView& view) { viewFinished(VEL_ANSI(view.path)); }
+
 void BackgroundPacker::combinedFrom(const std::string& combined,
                                     const std::vector<std::string>& pieces) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -248,12 +250,3 @@ bool BackgroundPacker::addTo(CZipArchive& archive, const std::string& path, bool
   archive.AddDeflatedFile(path, fullPath, JoinSegments(job.segments), store_);
   return true;
 }
-
-BackgroundPacker::Listening::Listening(BackgroundPacker* packer) {
-  if (!packer) return;
-  ExtractaViewGenerator::viewFinished = [packer](const ActiveView& view) {
-    packer->viewFinished(VEL_ANSI(view.path));
-  };
-}
-
-BackgroundPacker::Listening::~Listening() { ExtractaViewGenerator::viewFinished = nullptr; }

@@ -23,10 +23,13 @@
 #include <vector>
 
 #include "core/DeflateSegments.h"
+#include "process/RunObserver.h"
 
 class CZipArchive;
 
-class BackgroundPacker {
+// Follows a run as one of its observers: each view file a child of the pool
+// finishes is deflated at once.
+class BackgroundPacker : public RunObserver {
  public:
   // Compressed data beyond this waits in a temporary file.
   static constexpr std::size_t kMemoryBudget = 4 << 20;
@@ -37,7 +40,7 @@ class BackgroundPacker {
                             std::size_t memoryBudget = kMemoryBudget);
   // Ends the workers (each finishes at most its current segment) and drops
   // everything compressed; the temporary file goes with it.
-  ~BackgroundPacker();
+  ~BackgroundPacker() override;
   BackgroundPacker(const BackgroundPacker&) = delete;
   BackgroundPacker& operator=(const BackgroundPacker&) = delete;
 
@@ -46,6 +49,7 @@ class BackgroundPacker {
 
   // A view file (narrow path) is complete and will not change.
   void viewFinished(const std::string& path);
+  void viewFinished(const ActiveView& view) override;
   // `combined` was written as a header of two lines followed by the bodies of
   // `pieces`, each after its own two header lines, in this order.
   void combinedFrom(const std::string& combined, const std::vector<std::string>& pieces);
@@ -55,16 +59,6 @@ class BackgroundPacker {
   // After finish: adds the file at `path` from its compressed data and returns
   // true, or returns false when there is none for the file as it is now.
   bool addTo(CZipArchive& archive, const std::string& path, bool fullPath);
-
-  // While it lives, every view file an extracta process of the pool finishes
-  // is handed to the packer (when there is one).
-  class Listening {
-   public:
-    explicit Listening(BackgroundPacker* packer);
-    ~Listening();
-    Listening(const Listening&) = delete;
-    Listening& operator=(const Listening&) = delete;
-  };
 
  private:
   struct Job;

@@ -34,8 +34,7 @@ void ConnectivityMerge::add(const AString& piecePath) {
   VeltInputFile piece;
   if (!piece.Open(piecePath)) {
     trace("cannot open a piece", piece.Error());
-    throw ExtractaParserException(
-        AString(L"createExtractaControlFileAndViewsMP failed to open file ") + piecePath);
+    throw ExtractaParserException(AString(L"failed to open file ") + piecePath);
   }
 
   // The first two lines are the header: "A!" names the fields, "J!" describes
@@ -48,8 +47,7 @@ void ConnectivityMerge::add(const AString& piecePath) {
   }
   if (header.readError) {
     trace("cannot read a piece's header", piece.Error());
-    throw ExtractaParserException(
-        AString(L"createExtractaControlFileAndViewsMP missing header in file ") + piecePath);
+    throw ExtractaParserException(AString(L"missing header in file ") + piecePath);
   }
 
   append(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
@@ -58,8 +56,8 @@ void ConnectivityMerge::add(const AString& piecePath) {
     trace("cannot copy a piece", out_.Error());
   }
   if (failed_) {
-    throw ExtractaParserException(AString(L"createExtractaControlFileAndViewsMP error adding ") +
-                                  piecePath + L" to combined connectivity file");
+    throw ExtractaParserException(AString(L"error adding ") + piecePath +
+                                  L" to combined connectivity file");
   }
   ++files_;
   elapsed_ += std::chrono::steady_clock::now() - started;

@@ -15,6 +15,7 @@
 #include "core/ExtractaParserException.h"
 #include "core/File.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
 #include "executor/BackgroundPacker.h"
 #include "process/ExtractaViewGenerator.h"
 #include "views/ExtractaViewControl.h"
@@ -68,7 +69,9 @@ ExtractaExecutor::~ExtractaExecutor() {
 }
 
 void ExtractaExecutor::packWhileExtracting() {
-  if (!packer) packer.reset(new BackgroundPacker());
+  if (packer) return;
+  packer.reset(new BackgroundPacker());
+  reports.add(packer.get());
 }
 
 bool ExtractaExecutor::createWorkingDir(const AString& base) {
@@ -138,15 +141,17 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
     // stream on Windows would turn into CR CR LF.
     std::ofstream control(VEL_ANSI(controlFile.FilePath()),
                           std::ios::out | std::ios::trunc | std::ios::binary);
-    // A control file that could not be written shows up as extracta's failure.
-    WriteControlFile(control, views, nets);
+    // A control file that could not be written shows up as extracta's failure;
+    // the trace says where it began.
+    if (!WriteControlFile(control, views, nets))
+      VelDebug(1, L"createExtractaViews: writing %s failed\n", controlFile.FilePath().c_str());
   }
 
   std::vector<ActiveView> produced;
   CollectViewFiles(views, workingDir, produced);
   try {
     ExtractaViewGenerator::runExtracta(LongFileName(designFile), controlFile, generatorOption,
-                                       produced, workingDir);
+                                       produced, workingDir, &reports);
     for (const ActiveView& view : produced) requireViewFile(view.path);
   } catch (const std::exception& e) {
     errorMessage = AString("extracta run failed: ") + AString(e.what());

@@ -5,12 +5,12 @@
 // removes the working directory when destroyed (unless VELTAR_EXTRACTA_DEBUG
 // is defined then).
 
-#include <functional>
 #include <memory>
 #include <vector>
 
 #include "core/AString.h"
 #include "core/LongFileName.h"
+#include "executor/RunReports.h"
 #include "views/ViewTypes.h"
 
 class BackgroundPacker;
@@ -42,15 +42,14 @@ class ExtractaExecutor {
   // extracted, for an archive written by zipActiveViews.
   void packWhileExtracting();
 
+  // Tells `observer` (the caller's status line) how the run's children and
+  // steps go; it must outlive the executor's operations.
+  void reportTo(RunObserver* observer) { reports.add(observer); }
+
   // Packaging, from the working directory's listing.
   bool addFilesToWorkingDir(const std::vector<AString>& files);
   bool zipActiveViews(const AString& outputPath, const AString& filterExtension);
   bool moveActiveViews(const AString& outputPath, const AString& filterExtension);
-
-  // Told the name of each step after extraction as the run enters it
-  // ("merging connectivity"), so that the caller can show progress; null when
-  // nobody listens.
-  std::function<void(const char* step)> onStep;
 
   LongFileName getWorkingDir() const { return workingDir; }
   const AString& getErrorMessage() const { return errorMessage; }
@@ -64,10 +63,12 @@ class ExtractaExecutor {
   AString errorMessage;
   LongFileName workingDir;
   bool generatorOption = true;  // puts "-c" on every extracta command line
-  bool spareFlag = false;       // never consulted
+  bool spareFlag = false;       // never consulted; the executor's established shape has it
   // A run removes only a working directory it created itself: two runs in the
   // same second compute the same name, and the second must not remove the
   // first one's directory.
   bool createdWorkingDir = false;
   std::unique_ptr<BackgroundPacker> packer;
+  // Every generator and runExtracta reports here: to the caller and the packer.
+  RunReports reports;
 };

@@ -1,23 +1,19 @@
 #include "process/ExtractaViewGenerator.h"
 
-#include <algorithm>
 #include <chrono>
-#include <cstdlib>
 #include <fstream>
 #include <thread>
 
 #include "core/ExtractaParserException.h"
 #include "core/Interrupt.h"
 #include "core/VelDebug.h"
+#include "process/ExtractaCommandLine.h"
 #include "views/ExtractaViewControl.h"
 
 std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::waitingGenerators;
 std::deque<ExtractaViewGenerator*> ExtractaViewGenerator::runningGenerators;
-std::size_t ExtractaViewGenerator::endedChildren = 0;
-std::function<void(const ExtractaViewGenerator::PoolState&)> ExtractaViewGenerator::observer;
 uint32_t ExtractaViewGenerator::maxConcurrentExtractas =
     ExtractaViewGenerator::DefaultConcurrencyLimit();
-std::function<void(const ActiveView&)> ExtractaViewGenerator::viewFinished;
 
 namespace {
 
@@ -35,15 +31,6 @@ void SleepBetweenPasses(const std::vector<VeltProcessHandle>& children,
   VeltWaitForChildActivity(children, pipes, kQuietPassMilliseconds);
 }
 
-void RemoveAll(std::deque<ExtractaViewGenerator*>& queue, ExtractaViewGenerator* generator) {
-  queue.erase(std::remove(queue.begin(), queue.end(), generator), queue.end());
-}
-
-bool Contains(const std::deque<ExtractaViewGenerator*>& queue,
-              const ExtractaViewGenerator* generator) {
-  return std::find(queue.begin(), queue.end(), generator) != queue.end();
-}
-
 bool IsNameCharacter(wchar_t c) {
   return (c >= L'a' && c <= L'z') || (c >= L'A' && c <= L'Z') || (c >= L'0' && c <= L'9') ||
          c == L'-' || c == L'_';
@@ -56,6 +43,24 @@ AString SanitisedName(const AString& name) {
   for (wchar_t& c : text)
     if (!IsNameCharacter(c)) c = L'_';
   return AString(std::move(text));
+}
+
+// Ends what is left of a child's process tree and lets its handle go; a
+// failure only leaves a trace, the run's outcome is decided elsewhere.
+void EndChild(VeltProcessHandle handle) {
+  if (VeltTerminateProcessTree(handle) == 0)
+    VelDebug(1, L"*ExtractaViewGenerator: ending process %d failed\n", VeltProcessId(handle));
+  if (!VeltCloseProcessHandle(handle))
+    VelDebug(1, L"*ExtractaViewGenerator: closing the handle of process %d failed\n",
+             VeltProcessId(handle));
+}
+
+// The pipe reader's status: the child's output is then incomplete, which only
+// its exit-code message would show.
+void TraceDrain(int status, const AString& processName) {
+  if (status == 0) return;
+  VelDebug(1, L"*ProcessRunning: reading the output of %s failed (%s)\n", processName.c_str(),
+           status == 1 ? L"the pipe could not be queried" : L"the pipe could not be read");
 }
 
 }  // namespace
@@ -72,9 +77,10 @@ uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
 ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
                                              const ExtractaViewDef& viewDef,
                                              const LongFileName& workingDir, bool generatorOption,
-                                             const AString& name)
-    : viewType(viewDef.viewType), name(name), workingDir(workingDir) {
-  pipe.CreatePipe();
+                                             const AString& name, RunObserver* observer)
+    : viewType(viewDef.viewType), name(name), workingDir(workingDir), observer(observer) {
+  // Without a pipe the child cannot start: its start reports the failure.
+  if (!pipe.CreatePipe()) VelDebug(1, L"*ExtractaViewGenerator: CreatePipe failed\n");
   try {
     this->name = SanitisedName(this->name);
     const AString directory = workingDir.FilePath();
@@ -97,11 +103,10 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
     startOrQueue();
   } catch (...) {
     if (processHandle) {
-      VeltTerminateProcessTree(processHandle);
-      VeltCloseProcessHandle(processHandle);
+      EndChild(processHandle);
       processHandle = nullptr;
     }
-    leaveQueues();
+    pool().leave(*this);
     throw;
   }
 }
@@ -109,58 +114,10 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
 ExtractaViewGenerator::~ExtractaViewGenerator() {
   if (processHandle) {
     VelDebug(1, L"*ExtractaViewGenerator destructor: VeltTerminateProcessTree\n");
-    VeltTerminateProcessTree(processHandle);
-    VeltCloseProcessHandle(processHandle);
+    EndChild(processHandle);
     processHandle = nullptr;
   }
-  leaveQueues();
-}
-
-void ExtractaViewGenerator::leaveQueues() {
-  RemoveAll(waitingGenerators, this);
-  RemoveAll(runningGenerators, this);
-}
-
-AString ExtractaViewGenerator::extractaExecutableName() {
-  AString executable("extracta.exe");
-  if (const char* override = std::getenv("VELTAR_EXTRACTA_PATHOVERRIDE"))
-    executable = AString(override);
-  VelDebug(2, L"*ExtractaViewGenerator: extractaname %s\n", executable.c_str());
-  return executable;
-}
-
-AString ExtractaViewGenerator::quotedPath(const LongFileName& file) {
-  // The child splits its command line by the Windows runtime's rules, which
-  // read \" as a literal quote and halve the backslashes before a quote. A
-  // Windows path holds no quote, but a POSIX one may, and a path ending in a
-  // backslash would swallow its closing quote: both are escaped, so the child
-  // gets every path back as it is. Any other path is only wrapped in quotes.
-  std::wstring quoted = L"\"";
-  std::size_t backslashes = 0;
-  for (const wchar_t c : file.FilePath().wstr()) {
-    if (c == L'\\') {
-      ++backslashes;
-      continue;
-    }
-    quoted.append(c == L'"' ? 2 * backslashes + 1 : backslashes, L'\\');
-    quoted += c;
-    backslashes = 0;
-  }
-  quoted.append(2 * backslashes, L'\\');
-  quoted += L'"';
-  return AString(std::move(quoted));
-}
-
-std::vector<AString> ExtractaViewGenerator::buildExtractaArguments(
-    const LongFileName& first, const LongFileName& second, bool generatorOption,
-    const std::vector<LongFileName>& files) {
-  std::vector<AString> list{AString("-k")};
-  if (generatorOption) list.emplace_back("-c");
-  list.emplace_back("-m");
-  list.push_back(quotedPath(first));
-  list.push_back(quotedPath(second));
-  for (const LongFileName& file : files) list.push_back(quotedPath(file));
-  return list;
+  pool().leave(*this);
 }
 
 VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& executable,
@@ -176,6 +133,8 @@ VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& execut
   VelDebug(1, L"*StartChildProcess: %s \n", commandLine.c_str());
 
   VeltProcessHandle handle = nullptr;
+  // All thirteen parameters: the process-creation service's established
+  // interface has them; only the ones that matter here carry meaning.
   const int result = VeltCreateProcess(AString(), argv.data(), static_cast<int>(argv.size()),
                                        handle, workingDir.FilePath(), nullptr, nullptr,
                                        pipeWriteEnd, 0, false, true, true, 0);
@@ -194,7 +153,7 @@ VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& execut
 bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AString& processName,
                                            VeltPipeHandle readEnd, AString& output) {
   if (!handle) return false;
-  if (readEnd != kVeltNullPipeHandle) drainPipe(readEnd, output);
+  if (readEnd != kVeltNullPipeHandle) TraceDrain(drainPipe(readEnd, output), processName);
   int code = 0;
   if (VeltGetProcessExitCode(handle, code) == 0) {
     AString message;
@@ -212,7 +171,7 @@ bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AStri
   AString message;
   message.Format(L"%s exited with non-zero exit code %d", processName.c_str(), code);
   if (readEnd != kVeltNullPipeHandle) {
-    drainPipe(readEnd, output);
+    TraceDrain(drainPipe(readEnd, output), processName);
     if (!output.empty()) message = message + AString(": ") + output;
   }
   throw ExtractaParserException(message);
@@ -220,50 +179,53 @@ bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AStri
 
 void ExtractaViewGenerator::runAndWait(const AString& executable,
                                        const std::vector<AString>& arguments,
-                                       const LongFileName& workingDir) {
+                                       const LongFileName& workingDir, RunObserver* observer) {
   CPipe pipe;
-  pipe.CreatePipe();
+  if (!pipe.CreatePipe()) VelDebug(1, L"*runAndWait: CreatePipe failed\n");
   AString output;
   VeltProcessHandle handle =
       StartChildProcess(executable, arguments, workingDir, pipe.WriteHandle());
+  if (observer) observer->childStarted(false);
   try {
-    while (ProcessRunning(handle, executable, pipe.ReadHandle(), output)) {
-      ThrowIfInterrupted();
-      tellObserver(1);
-      SleepBetweenPasses({handle}, {pipe.ReadHandle()});
-    }
+    // The same waits as the pool's children, outside the pool: the pool is
+    // empty on this path, so its passes find nothing to do.
+    pool().waitWhile([&] { return ProcessRunning(handle, executable, pipe.ReadHandle(), output); },
+                     [&](const Pool::Queue&) {
+                       if (observer) observer->waiting();
+                       SleepBetweenPasses({handle}, {pipe.ReadHandle()});
+                     });
   } catch (...) {
     // Whatever the child left running goes with the failure.
-    VeltTerminateProcessTree(handle);
-    VeltCloseProcessHandle(handle);
+    EndChild(handle);
     throw;
   }
   // And with its success: nothing extracta leaves behind may outlive the run.
-  VeltTerminateProcessTree(handle);
-  VeltCloseProcessHandle(handle);
-  ++endedChildren;
-  tellObserver(0);
+  EndChild(handle);
+  if (observer) observer->childEnded();
 }
 
 void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
                                         const LongFileName& controlFile, bool generatorOption,
                                         const std::vector<ActiveView>& views,
-                                        const LongFileName& workingDir) {
+                                        const LongFileName& workingDir, RunObserver* observer) {
   std::vector<LongFileName> files;
   for (const ActiveView& view : views) files.emplace_back(view.path);
   runAndWait(extractaExecutableName(),
-             buildExtractaArguments(designFile, controlFile, generatorOption, files), workingDir);
+             buildExtractaArguments(designFile, controlFile, generatorOption, files), workingDir,
+             observer);
 }
 
 void ExtractaViewGenerator::startOrQueue() {
-  if (runningGenerators.size() < maxConcurrentExtractas) {
-    RemoveAll(waitingGenerators, this);
-    processHandle =
-        StartChildProcess(extractaExecutableName(), arguments, workingDir, pipe.WriteHandle());
-    runningGenerators.push_back(this);
-  } else {
-    waitingGenerators.push_back(this);
-  }
+  pool().startOrQueue(*this);
+  if (processHandle) return;
+  queued = true;
+  if (observer) observer->childQueued();
+}
+
+void ExtractaViewGenerator::start() {
+  processHandle =
+      StartChildProcess(extractaExecutableName(), arguments, workingDir, pipe.WriteHandle());
+  if (observer) observer->childStarted(queued);
 }
 
 bool ExtractaViewGenerator::checkFinished() {
@@ -273,45 +235,27 @@ bool ExtractaViewGenerator::checkFinished() {
     VelDebug(1, L"Extracta %s%s finished \n", ViewTypeName(viewType).c_str(), name.c_str());
     // The view is written once extracta has ended; whatever it left running
     // in its process group would otherwise outlive the run.
-    VeltTerminateProcessTree(processHandle);
-    VeltCloseProcessHandle(processHandle);
+    EndChild(processHandle);
     processHandle = nullptr;
-    RemoveAll(runningGenerators, this);
-    ++endedChildren;
-    if (viewFinished) viewFinished(ActiveView{viewType, outputFile.FilePath()});
+    if (observer) {
+      observer->childEnded();
+      observer->viewFinished(ActiveView{viewType, outputFile.FilePath()});
+    }
   }
   return running;
 }
 
-void ExtractaViewGenerator::pollProcesses() {
-  // Reaping changes the queue; walk a copy.
-  const std::deque<ExtractaViewGenerator*> running = runningGenerators;
-  for (ExtractaViewGenerator* generator : running) generator->checkFinished();
-  while (!waitingGenerators.empty() && runningGenerators.size() < maxConcurrentExtractas)
-    waitingGenerators.front()->startOrQueue();
-}
-
-void ExtractaViewGenerator::tellObserver(std::size_t runningOutsidePool) {
-  if (!observer) return;
-  PoolState state = poolState();
-  state.running += runningOutsidePool;
-  observer(state);
-}
-
 ActiveView ExtractaViewGenerator::waitForViewFile() {
-  for (;;) {
-    ThrowIfInterrupted();
-    if (!Contains(waitingGenerators, this) && !checkFinished()) break;
-    pollProcesses();
-    tellObserver(0);
-    std::vector<VeltProcessHandle> children;
-    std::vector<VeltPipeHandle> pipes;
-    for (const ExtractaViewGenerator* generator : runningGenerators) {
-      children.push_back(generator->processHandle);
-      pipes.push_back(generator->pipe.ReadHandle());
-    }
-    SleepBetweenPasses(children, pipes);
-  }
-  tellObserver(0);
+  pool().waitWhile([this] { return pool().busy(*this); },
+                   [this](const Pool::Queue& running) {
+                     if (observer) observer->waiting();
+                     std::vector<VeltProcessHandle> children;
+                     std::vector<VeltPipeHandle> pipes;
+                     for (const ExtractaViewGenerator* generator : running) {
+                       children.push_back(generator->processHandle);
+                       pipes.push_back(generator->pipe.ReadHandle());
+                     }
+                     SleepBetweenPasses(children, pipes);
+                   });
   return ActiveView{viewType, outputFile.FilePath()};
 }

@@ -8,27 +8,30 @@
 //
 // The pool is process-wide and single-threaded: children are reaped, and
 // queued generators started in first-in first-out order, only while some wait
-// polls.
+// polls (ChildPool schedules; ExtractaCommandLine forms the arguments).
 
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <vector>
 
 #include "core/AString.h"
 #include "core/LongFileName.h"
 #include "core/Pipe.h"
 #include "core/Process.h"
+#include "process/ChildPool.h"
+#include "process/RunObserver.h"
 #include "views/ExtractaViewDef.h"
 #include "views/ViewTypes.h"
 
 class ExtractaViewGenerator {
  public:
   // Writes the control file, then starts the child or queues the generator.
-  // Throws ExtractaParserException on failure.
+  // Throws ExtractaParserException on failure. `observer` (may be null) is
+  // told of this child's start and end and of its finished view file.
   ExtractaViewGenerator(const LongFileName& designFile, const ExtractaViewDef& viewDef,
-                        const LongFileName& workingDir, bool generatorOption, const AString& name);
+                        const LongFileName& workingDir, bool generatorOption, const AString& name,
+                        RunObserver* observer = nullptr);
   ~ExtractaViewGenerator();
   ExtractaViewGenerator(const ExtractaViewGenerator&) = delete;
   ExtractaViewGenerator& operator=(const ExtractaViewGenerator&) = delete;
@@ -42,29 +45,14 @@ class ExtractaViewGenerator {
   // order of the control file's blocks. Throws on failure.
   static void runExtracta(const LongFileName& designFile, const LongFileName& controlFile,
                           bool generatorOption, const std::vector<ActiveView>& views,
-                          const LongFileName& workingDir);
+                          const LongFileName& workingDir, RunObserver* observer = nullptr);
 
-  // The most children started through generators that run at once.
+  // The most children started through generators that run at once. Process-
+  // wide like the queues below: the program's established interface has them.
   static uint32_t maxConcurrentExtractas;
   // Half the hardware threads, at least 1.
   static uint32_t ConcurrencyLimitFor(unsigned hardwareThreads);
   static uint32_t DefaultConcurrencyLimit();
-
-  // How far the children have got: those ended since the program began, those
-  // running (in the pool or started by runExtracta) and those queued.
-  struct PoolState {
-    std::size_t ended = 0, running = 0, waiting = 0;
-  };
-  static PoolState poolState() {
-    return PoolState{endedChildren, runningGenerators.size(), waitingGenerators.size()};
-  }
-  // Told the state after every pass of a wait and when a wait ends, so that
-  // the caller can show progress; null when nobody listens.
-  static std::function<void(const PoolState&)> observer;
-
-  // Called on the polling thread with the view file of every child of the
-  // pool that ended successfully, as soon as it is reaped; empty: nothing.
-  static std::function<void(const ActiveView&)> viewFinished;
 
   // For tests and diagnostics: the pool's queue lengths and this generator's
   // child (null while queued or after its child was reaped).
@@ -73,12 +61,10 @@ class ExtractaViewGenerator {
   VeltProcessHandle childProcess() const { return processHandle; }
 
  private:
-  static AString extractaExecutableName();
-  static AString quotedPath(const LongFileName& file);
-  static std::vector<AString> buildExtractaArguments(const LongFileName& first,
-                                                     const LongFileName& second,
-                                                     bool generatorOption,
-                                                     const std::vector<LongFileName>& files);
+  friend class ChildPool<ExtractaViewGenerator>;
+  using Pool = ChildPool<ExtractaViewGenerator>;
+  static Pool pool() { return Pool(waitingGenerators, runningGenerators, maxConcurrentExtractas); }
+
   static VeltProcessHandle StartChildProcess(const AString& executable,
                                              const std::vector<AString>& arguments,
                                              const LongFileName& workingDir,
@@ -86,20 +72,18 @@ class ExtractaViewGenerator {
   static bool ProcessRunning(VeltProcessHandle handle, const AString& processName,
                              VeltPipeHandle readEnd, AString& output);
   static void runAndWait(const AString& executable, const std::vector<AString>& arguments,
-                         const LongFileName& workingDir);
-  static void pollProcesses();
-  static void tellObserver(std::size_t runningOutsidePool);
+                         const LongFileName& workingDir, RunObserver* observer);
 
   void startOrQueue();
+  // For the pool: starts this generator's child.
+  void start();
   bool checkFinished();
-  void leaveQueues();
 
   // The pool: generators waiting for room, first in first out, and those
   // whose child was started and not yet reaped. Non-owning: a generator
   // leaves both when it is destroyed.
   static std::deque<ExtractaViewGenerator*> waitingGenerators;
   static std::deque<ExtractaViewGenerator*> runningGenerators;
-  static std::size_t endedChildren;
 
   ViewType viewType;
   AString name;  // sanitised: letters, digits, "-" and "_" only
@@ -109,4 +93,6 @@ class ExtractaViewGenerator {
   CPipe pipe;
   AString output;  // everything the child printed so far
   std::vector<AString> arguments;
+  RunObserver* observer;
+  bool queued = false;  // waited for room before its child started
 };

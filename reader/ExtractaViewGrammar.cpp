@@ -1,5 +1,6 @@
 #include "reader/ExtractaViewGrammar.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
@@ -12,6 +13,7 @@
 
 #include "core/ExtractaParserException.h"
 #include "reader/FieldList.h"
+#include "reader/OpenViewFile.h"
 
 namespace qi = boost::spirit::qi;
 
@@ -87,20 +89,34 @@ struct FileCloser {
 
 }  // namespace
 
-void readViewFile(const std::string& path, ExtractaViewData& data) {
+std::FILE* OpenViewFile(const std::string& path, std::uintmax_t& size) {
   // The size comes from the file system rather than from a stream position,
   // which is 32 bits wide on some runtimes; asking for it also turns away
   // directories and devices, which open but have no size to read.
   std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(std::filesystem::u8path(path), error);
-  std::unique_ptr<std::FILE, FileCloser> file(error ? nullptr : std::fopen(path.c_str(), "rb"));
-  if (!file) throw ExtractaParserException("Could not open file: " + path);
+  size = std::filesystem::file_size(std::filesystem::u8path(path), error);
+  std::FILE* file = error ? nullptr : std::fopen(path.c_str(), "rb");
+  // The system's reason follows the path, so that the stored message says why.
+  if (!file && !error) error = std::error_code(errno, std::generic_category());
+  if (!file)
+    throw ExtractaParserException("Could not open file: " + path + " (" + error.message() + ")");
+  return file;
+}
+
+void ThrowReadFailure(const std::string& path) {
+  const std::error_code error(errno, std::generic_category());
+  throw ExtractaParserException("Could not read file: " + path + " (" + error.message() + ")");
+}
+
+void readViewFile(const std::string& path, ExtractaViewData& data) {
+  std::uintmax_t size = 0;
+  std::unique_ptr<std::FILE, FileCloser> file(OpenViewFile(path, size));
 
   // Not a std::string: its resize would write every byte once before the read
   // writes it again, a wasted pass over a file of gigabytes.
   const std::unique_ptr<char[]> text(new char[size]);
   const std::size_t length = std::fread(text.get(), 1, size, file.get());
-  if (std::ferror(file.get())) throw ExtractaParserException("Could not read file: " + path);
+  if (std::ferror(file.get())) ThrowReadFailure(path);
   file.reset();
 
   parseViewText(text.get(), text.get() + length, path, data);

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
 #include <boost/phoenix/bind/bind_member_function.hpp>
@@ -12,6 +10,7 @@
 
 #include "core/ExtractaParserException.h"
 #include "reader/FieldList.h"
+#include "reader/OpenViewFile.h"
 
 namespace qi = boost::spirit::qi;
 namespace phx = boost::phoenix;
@@ -113,18 +112,13 @@ void ViewFileScanner::onRecord(const ExtractaViewData::Row& fields) {
 }
 
 void scanViewFile(const std::string& path, ViewFileScanner& scanner) {
-  // As readViewFile: asking for the size turns away directories and devices,
-  // which open but have no size to read.
-  std::error_code error;
-  static_cast<void>(std::filesystem::file_size(std::filesystem::u8path(path), error));
-  std::FILE* file = error ? nullptr : std::fopen(path.c_str(), "rb");
-  if (!file) throw ExtractaParserException("Could not open file: " + path);
-
+  std::uintmax_t size = 0;
+  std::FILE* file = OpenViewFile(path, size);
   std::vector<char> block(1 << 20);
   try {
     for (;;) {
       const std::size_t got = std::fread(block.data(), 1, block.size(), file);
-      if (std::ferror(file)) throw ExtractaParserException("Could not read file: " + path);
+      if (std::ferror(file)) ThrowReadFailure(path);
       if (got == 0) break;
       scanner.feed(block.data(), got);
     }

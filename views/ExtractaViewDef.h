@@ -10,7 +10,8 @@
 #include "views/ViewTypes.h"
 
 // While false (always, unless a caller changes it), views that carry net names
-// leave out records without one.
+// leave out records without one. A process-wide switch only because the
+// program's established interface has it.
 extern bool keepUnnamedNets;
 
 class ExtractaViewDef {

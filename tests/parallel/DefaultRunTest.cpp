@@ -1,18 +1,14 @@
 // The default run: which processes start and in which order, how many at
 // once, which nets are split and what the merged connectivity file holds, end
-// to end through the built program and the stand-in extractor; and the merge
-// on pieces written by hand. (A child failing anywhere ends the whole run
+// to end through the built program and the stand-in extractor; the choice of
+// split nets on survey records in memory; and the merge on pieces written by
+// hand. (A child failing anywhere ends the whole run
 // cleanly: the fault matrix, ExtractorFaults.ChildFailures, proves that end
 // to end.)
 
-#ifndef _WIN32
-#include <sys/syscall.h>
-#include <unistd.h>
-#endif
-
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,15 +17,16 @@
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
 #include "executor/ConnectivityMerge.h"
+#include "executor/ConnectivitySplit.h"
+#include "executor/SurveyCount.h"
 #include "process/ExtractaViewGenerator.h"
+#include "reader/ExtractaViewGrammar.h"
+#include "tests/support/PlatformHelpers.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
 
 using namespace veltest;
-
-// The error the stand-in for copy_file_range below fails with; 0: none.
-std::atomic<int> gKernelCopyError{0};
 
 // The control file names the default run must start, in start order, for the
 // split nets' sanitised names.
@@ -96,10 +93,6 @@ TEST(DefaultRun, OnChosenNets) {
     std::vector<std::string> split;  // in index order, their names as files name them
   };
   const std::vector<Case> cases = {
-      {"ties rank the byte-wise greater name first",
-       {{"ALPHA", 3}, {"N1", 5}, {"Z", 1}, {"Q", 4}, {"BETA", 3}, {"N2", 5}},
-       {},
-       {"N2", "N1", "Q", "BETA"}},
       {"no connectivity records leave only the remainder", {}, {}, {}},
       {"names with blanks and punctuation give distinct sanitised files",
        {{"VDD CORE", 9}, {"VDD/CORE", 8}, {"a.b-c_d", 6}, {"(x)", 4}, {"VDD+CORE", 1}},
@@ -135,6 +128,89 @@ TEST(DefaultRun, OnChosenNets) {
       EXPECT_NE(ReadFile(run.workDir + "extracta_control_fullgeo.txt").find("NET_NAME ='D'"),
                 std::string::npos);
     }
+  }
+}
+
+// Survey records' nets, counted, ranked by count then by the byte-wise greater
+// name; the first four split in three class groups each, the rest remain.
+TEST(ConnectivitySplitTest, SplitsTheFourLargestNets) {
+  const struct {
+    std::vector<std::string> records;
+    std::vector<std::string> split;
+  } cases[] = {
+      {{}, {}},
+      {{"B", "A", "B", "", "", " "}, {"B", "", "A", " "}},
+      {{"N1", "Q", "ALPHA", "N2", "Q", "N1", "BETA", "N2", "Z", "ALPHA", "BETA", "Q", "N2", "N1"},
+       {"Q", "N2", "N1", "BETA"}},
+  };
+  for (const auto& c : cases) {
+    NetRecordCounts counts;
+    for (const std::string& net : c.records) counts.add(net);
+    const SplitPlan plan = PlanSplit(RankNets(counts));
+    std::vector<std::string> split, runs, expected;
+    for (const AString& net : plan.splitNets) split.push_back(VEL_ANSI(net));
+    for (const SplitRun& run : plan.runs) {
+      runs.push_back(VEL_ANSI(run.name) + "|" + VEL_ANSI(run.net));
+      for (const AString& className : run.classes) runs.back() += "|" + VEL_ANSI(className);
+    }
+    for (std::size_t i = 0; i < c.split.size(); ++i) {
+      for (const auto& [suffix, classes] : std::vector<std::pair<std::string, std::string>>{
+               {"CONDUCTOR_ETCH", "CONDUCTOR|ETCH"}, {"PIN", "PIN"}, {"VIA CLASS", "VIA CLASS"}})
+        expected.push_back(std::to_string(i) + "_" + c.split[i] + "_" + suffix + "|" + c.split[i] +
+                           "|" + classes);
+    }
+    EXPECT_EQ(split, c.split);
+    EXPECT_EQ(runs, expected);
+  }
+}
+
+// The survey counted record by record against the survey read whole and then
+// counted: the same counts, or the same failure at the same record, for
+// surveys well formed and malformed.
+TEST(ConnectivitySplitTest, SurveyCountedAsReadAsIfReadWhole) {
+  const TempDir dir;
+  const std::string path = dir / "connnets.txt";
+  const std::string head = "A!NET_NAME!\r\nJ!d.mcm!\r\n";
+  const std::string surveys[] = {
+      head,
+      head + "S!GND!\r\nS!GND!\r\nS!!\r\nS!VDD!\r\nS!GND!\r\n",
+      "A!X!NET_NAME!X!\r\nJ!d!\r\nS!a!b!\r\nS!c!d!\r\n",  // the name moves past the repeat
+      head + "S!GND!\r\nS!GND!\r\nX!VDD!\r\n",
+      head + "S!GND!\nS!VDD!\n",
+      "A!NET!\r\nJ!d!\r\nS!GND!\r\n",
+      "A!REFDES!NET_NAME!\r\nJ!d!\r\nS!U1!GND!\r\nS!U2\r\nS!U3!VDD!\r\nS!U4\r\n",
+      "A!REFDES!NET_NAME!\r\nJ!d!\r\nS!U1\r\nS!U3!VDD!\r\nT!\r\n",
+      "J!d!\r\n",
+  };
+  const auto outcome = [](const std::function<void(NetRecordCounts&)>& count) {
+    NetRecordCounts counts;
+    try {
+      count(counts);
+    } catch (const ExtractaParserException& e) {
+      return std::string(e.what());
+    }
+    std::string text;
+    for (const auto& [net, n] : counts.perNet()) text += net + "=" + std::to_string(n) + ";";
+    return text;
+  };
+  for (const std::string& survey : surveys) {
+    WriteFile(path, survey);
+    const std::string whole = outcome([&](NetRecordCounts& counts) {
+      ExtractaViewData table;
+      readViewFile(path, table);
+      const uint32_t column = table.columnIndex("NET_NAME");
+      if (column == ExtractaViewData::kNoColumn)
+        throw ExtractaParserException("connectivity survey " + path + " has no NET_NAME column");
+      for (std::size_t i = 0; i < table.sRecords().size(); ++i) {
+        if (column >= table.sRecords()[i].size()) {
+          throw ExtractaParserException("connectivity survey " + path + " record " +
+                                        std::to_string(i + 1) + " has no NET_NAME field");
+        }
+        counts.add(table.sRecords()[i][column]);
+      }
+    });
+    EXPECT_EQ(outcome([&](NetRecordCounts& counts) { CountSurvey(path, counts); }), whole)
+        << survey;
   }
 }
 
@@ -175,7 +251,7 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
     if (*c.inTheWay) MakeDirectory(dir / c.inTheWay);
     ConnectivityMerge merge(AString(dir / "conn.txt"));
     std::string failure;
-    gKernelCopyError = c.kernelError;
+    SetKernelCopyError(c.kernelError);
     try {
       for (std::size_t i = 0; i < c.pieces.size(); ++i) {
         const std::string piece = dir / ("p" + std::to_string(i) + ".txt");
@@ -186,9 +262,9 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
       failure = error.what();
       failure.replace(failure.find(dir.path()), dir.path().size() + 1, "@");
     }
-    gKernelCopyError = 0;
+    SetKernelCopyError(0);
     if (c.combined.find("S!") == std::string::npos) {
-      EXPECT_EQ(failure, "createExtractaControlFileAndViewsMP " + c.combined);
+      EXPECT_EQ(failure, c.combined);
       continue;
     }
     EXPECT_EQ(failure, "");
@@ -199,16 +275,3 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
 }
 
 }  // namespace
-
-#ifndef _WIN32
-// Stands in for the C library's call, so that a test can make the kernel
-// refuse to copy; otherwise it makes the system call itself.
-extern "C" ssize_t copy_file_range(int in, off64_t* inOffset, int out, off64_t* outOffset,
-                                   size_t length, unsigned int flags) noexcept {
-  if (const int error = gKernelCopyError.load()) {
-    errno = error;
-    return -1;
-  }
-  return ::syscall(SYS_copy_file_range, in, inOffset, out, outOffset, length, flags);
-}
-#endif

@@ -2,16 +2,10 @@
 // extracta): how a command line is split, the pipe reader, and
 // ExtractaViewGenerator: control and view file names, the command line the
 // child gets, finding the program, failures and their messages. The pool's
-// limit and order, and interrupts, are shown by whole runs (tests/parallel,
-// the fault matrix).
+// limit and order on children that only count passes; interrupts are shown by
+// whole runs (the fault matrix).
 
-#ifndef _WIN32
-#include <fcntl.h>
-#include <unistd.h>
-#else
-#include <windows.h>
-#endif
-
+#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -26,7 +20,9 @@
 #include "core/Pipe.h"
 #include "core/Process.h"
 #include "core/VelAssert.h"
+#include "process/ChildPool.h"
 #include "process/ExtractaViewGenerator.h"
+#include "tests/support/PlatformHelpers.h"
 #include "tests/support/TestSupport.h"
 #include "views/ExtractaViewControl.h"
 
@@ -35,8 +31,6 @@ namespace {
 using namespace veltest;
 using ::testing::ElementsAre;
 using Generator = std::unique_ptr<ExtractaViewGenerator>;
-
-std::string ChildProgram() { return BinPath("vel-test-child"); }
 
 // One child's record, as vel-test-child writes it.
 struct ChildRecord {
@@ -58,25 +52,11 @@ std::vector<ChildRecord> ReadChildRecords(const std::string& file) {
   return records;
 }
 
-#ifdef _WIN32
-bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
-  DWORD written = 0;
-  return ::WriteFile(reinterpret_cast<HANDLE>(pipe), bytes.data(), static_cast<DWORD>(bytes.size()),
-                     &written, nullptr) &&
-         written == bytes.size();
-}
-#else
-bool WriteToPipe(VeltPipeHandle pipe, const std::string& bytes) {
-  return write(static_cast<int>(pipe), bytes.data(), bytes.size()) ==
-         static_cast<ssize_t>(bytes.size());
-}
-#endif
-
 // Makes the child program startable as `name` (on Windows as `name`.exe,
 // which is found under `name`).
 bool InstallChild(const std::string& name) {
   std::error_code error;
-  std::filesystem::copy_file(std::filesystem::u8path(ChildProgram()),
+  std::filesystem::copy_file(std::filesystem::u8path(BinPath("vel-test-child")),
                              std::filesystem::u8path(name + (kOnWindows ? ".exe" : "")), error);
   return !error;
 }
@@ -152,17 +132,12 @@ class GeneratorTest : public ::testing::Test {
 };
 
 TEST_F(GeneratorTest, ChildGetsTheArgumentListWithoutPathQuotesAndNothingElse) {
-#ifndef _WIN32
-  // A descriptor without close-on-exec, as a careless library might leave one.
-  const int stray = open("/dev/null", O_RDONLY);
-#endif
+  const int stray = OpenStrayDescriptor();
   ChildDoes("record=" + records);
   // The name goes into the file names: anything but letters, digits, "-" and
   // "_" becomes one "_", a non-ASCII letter too.
   Generator generator = Make(kFullGeo, "a.b/c:ü-d");
-#ifndef _WIN32
-  close(stray);
-#endif
+  CloseStrayDescriptor(stray);
   const ActiveView view = generator->waitForViewFile();
 
   const std::string control = work + "extracta_control_fullgeoa_b_c__-d.txt";
@@ -174,12 +149,8 @@ TEST_F(GeneratorTest, ChildGetsTheArgumentListWithoutPathQuotesAndNothingElse) {
   // Compared as paths: Windows reports it with its own separators.
   EXPECT_EQ((std::filesystem::u8path(started[0].cwd) / "").lexically_normal(),
             std::filesystem::u8path(work).lexically_normal());
-#ifdef _WIN32
-  EXPECT_EQ(started[0].stdinTarget, "NUL");
-#else
-  EXPECT_EQ(started[0].stdinTarget, "/dev/null");
-  EXPECT_EQ(started[0].fds, "0,1,2");
-#endif
+  EXPECT_EQ(started[0].stdinTarget, kOnWindows ? "NUL" : "/dev/null");
+  EXPECT_EQ(started[0].fds, kOnWindows ? "-" : "0,1,2");
   std::ostringstream block;
   WriteViewBlock(ExtractaViewDef(kFullGeo, {}, false), block);
   EXPECT_EQ(veltest::ReadFile(control), block.str());
@@ -217,17 +188,14 @@ TEST_F(GeneratorTest, StartFailuresNameTheirCauseAndLeaveNoQueueEntry) {
   const std::string plainFile = temp / "not a program";
   veltest::WriteFile(plainFile, "data");
   veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", plainFile);
-#ifdef _WIN32
   EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
-            "CreateProcess failed with error 193: " + VeltFormatSystemMessage(193));
-#else
-  EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
-            "CreateProcess failed with error 13: Permission denied");
+            kOnWindows ? "CreateProcess failed with error 193: " + VeltFormatSystemMessage(193)
+                       : "CreateProcess failed with error 13: Permission denied");
   // So does one that only the started child meets, when it cannot execute.
-  ASSERT_EQ(chmod(plainFile.c_str(), 0755), 0);
-  EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
-            "CreateProcess failed with error 8: Exec format error");
-#endif
+  if (MakeExecutable(plainFile)) {
+    EXPECT_EQ(FailureOf([&] { Make(kLayer); }),
+              "CreateProcess failed with error 8: Exec format error");
+  }
 
   // A control file that cannot be written names the working directory.
   veltest::SetEnv("VELTAR_EXTRACTA_PATHOVERRIDE", program);
@@ -269,6 +237,54 @@ TEST_F(GeneratorTest, FailingChildrenReportEverythingTheyPrinted) {
   int code = 0;
   ASSERT_NE(VeltGetProcessExitCode(slow->childProcess(), code), 0);
   EXPECT_EQ(code, kVeltStillActive) << "the waited-for child still runs";
+}
+
+// A child that runs for a number of the pool's looks at it; -1: its start fails.
+struct CountedChild {
+  int passes, id;
+  std::vector<int>* started;
+  void start() {
+    if (passes < 0) throw ExtractaParserException("start failed");
+    started->push_back(id);
+  }
+  bool checkFinished() { return passes-- > 0; }
+};
+
+// Waiting for the last child drives them all, started in arrival order within
+// the limit, and reaps who ended; a failed start ends the wait, its child left
+// in neither queue.
+TEST(GeneratorPool, StartsInArrivalOrderWithinTheLimit) {
+  const struct {
+    uint32_t limit;
+    std::vector<int> passes, started;
+    std::size_t mostRunning, leftInQueues;
+  } cases[] = {
+      {1, {2, 0, 1}, {0, 1, 2}, 1, 0},
+      {2, {3, 0, 0, 5, 0}, {0, 1, 2, 3, 4}, 2, 1},
+      {3, {1, 1}, {0, 1}, 2, 1},
+      {1, {0, -1, 0}, {0}, 1, 1},
+  };
+  for (const auto& c : cases) {
+    ChildPool<CountedChild>::Queue waiting, running;
+    ChildPool<CountedChild> pool(waiting, running, c.limit);
+    std::vector<int> started;
+    std::vector<CountedChild> children;
+    for (int passes : c.passes)
+      children.push_back({passes, static_cast<int>(children.size()), &started});
+    for (CountedChild& child : children) pool.startOrQueue(child);
+    std::size_t most = running.size();
+    const auto wait = [&] {
+      pool.waitWhile([&] { return pool.busy(children.back()); },
+                     [&](const auto& now) { most = std::max(most, now.size()); });
+    };
+    if (c.started.size() < c.passes.size())
+      EXPECT_THROW(wait(), ExtractaParserException);
+    else
+      wait();
+    EXPECT_EQ(started, c.started) << c.limit;
+    EXPECT_EQ(most, c.mostRunning) << c.limit;
+    EXPECT_EQ(waiting.size() + running.size(), c.leftInQueues) << c.limit;
+  }
 }
 
 TEST(GeneratorPool, ConcurrencyLimitIsHalfTheHardwareThreadsAndAtLeastOne) {

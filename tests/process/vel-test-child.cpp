@@ -11,15 +11,6 @@
 // On Windows the stdin target is "NUL" for the null device, and the open
 // descriptors are not known ("-").
 
-#ifdef _WIN32
-#include <fcntl.h>
-#include <io.h>
-#include <windows.h>
-#else
-#include <dirent.h>
-#include <unistd.h>
-#endif
-
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -28,6 +19,8 @@
 #include <sstream>
 #include <string>
 #include <thread>
+
+#include "tests/support/PlatformHelpers.h"
 
 namespace {
 
@@ -38,32 +31,11 @@ void Append(const std::string& file, const std::string& text) {
   }
 }
 
-#ifdef _WIN32
-// Standard input and the open descriptors.
-std::string Streams() {
-  return GetFileType(GetStdHandle(STD_INPUT_HANDLE)) == FILE_TYPE_CHAR ? "NUL\t-\t" : "file\t-\t";
-}
-#else
-std::string Streams() {
-  char input[4096];
-  const ssize_t n = readlink("/proc/self/fd/0", input, sizeof input);
-  std::string text = std::string(input, n > 0 ? static_cast<std::size_t>(n) : 0) + "\t", open;
-  DIR* fds = opendir("/proc/self/fd");
-  while (dirent* entry = readdir(fds))
-    if (entry->d_name[0] != '.' && std::atoi(entry->d_name) != dirfd(fds))
-      open += (open.empty() ? "" : ",") + std::string(entry->d_name);
-  closedir(fds);
-  return text + open + "\t";
-}
-#endif
-
 }  // namespace
 
 int main(int argc, char** argv) {
-#ifdef _WIN32
-  // What it is told to print arrives byte for byte, as on POSIX.
-  _setmode(1, _O_BINARY);
-#endif
+  // What it is told to print arrives byte for byte on every system.
+  veltest::UseBinaryStandardOutput();
   const char* actions = std::getenv("VEL_TEST_CHILD");
   std::istringstream list(actions ? actions : "");
   int exitCode = 0;
@@ -72,7 +44,8 @@ int main(int argc, char** argv) {
     const std::string key = action.substr(0, equals);
     const std::string value = equals < action.size() ? action.substr(equals + 1) : "";
     if (key == "record") {
-      std::string text = std::filesystem::current_path().u8string() + "\t" + Streams();
+      std::string text =
+          std::filesystem::current_path().u8string() + "\t" + veltest::ChildStreams();
       for (int i = 0; i < argc; ++i) text += std::string(argv[i]) + "\t";
       Append(value, text + "\n");
     } else if (key == "say") {

@@ -19,6 +19,7 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::Pair;
+using ::testing::StartsWith;
 using namespace std::string_literals;
 
 // The failure message of reading `path` ("" on success).
@@ -57,8 +58,9 @@ TEST(ViewFileParser, FailuresCountTheRowsReadAndNameTheFile) {
     }
   }
   ExtractaViewData data;
-  EXPECT_EQ(MessageOf(dir / "missing.txt", data), "Could not open file: " + (dir / "missing.txt"));
-  EXPECT_EQ(MessageOf(dir.path(), data), "Could not open file: " + dir.path());
+  // The system's reason follows the path.
+  for (const std::string& path : {dir / "missing.txt", dir.path()})
+    EXPECT_THAT(MessageOf(path, data), StartsWith("Could not open file: " + path + " ("));
 }
 
 // The record-by-record reader against the whole-file one, on every text fed
@@ -112,7 +114,8 @@ TEST(ViewFileParser, RecordByRecordReadsAsTheWholeFile) {
     scanViewFile(dir / "missing.txt", missing);
     ADD_FAILURE() << "a missing file was read";
   } catch (const ExtractaParserException& e) {
-    EXPECT_EQ(std::string(e.what()), "Could not open file: " + (dir / "missing.txt"));
+    EXPECT_EQ(
+        std::string(e.what()).rfind("Could not open file: " + (dir / "missing.txt") + " (", 0), 0u);
   }
 }
 
