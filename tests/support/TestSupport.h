@@ -29,10 +29,22 @@
 
 namespace veltest {
 
+// Directory names in the system's own spellings, and the directory text
+// LongFileName makes of each.
 #ifdef _WIN32
 constexpr bool kOnWindows = true;
+// A name written with "\\" goes on with it.
+inline const std::vector<std::pair<std::string, std::wstring>> kSystemDirectoryNames = {
+    {"C:\\d\\e", L"C:\\d\\e\\"},
+    {"C:\\d/e\\\\", L"C:\\d/e\\"},
+    {"C:/d", L"C:/d/"},
+    {"C:\\", L"C:\\"},
+    {"C:", L"C:./"}};
 #else
 constexpr bool kOnWindows = false;
+// "\\" is an ordinary character here.
+inline const std::vector<std::pair<std::string, std::wstring>> kSystemDirectoryNames = {
+    {"a\\b\\", L"a\\b\\/"}};
 #endif
 
 // A fresh directory under the system's temporary directory, removed with
