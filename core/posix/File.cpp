@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "core/SystemCalls.h"
+
 namespace {
 
 // Large enough that one call copies a whole piece; the kernel splits it.
@@ -149,27 +151,36 @@ std::string VeltCurrentDirectory() {
 
 bool VeltIsPathSeparator(wchar_t c) { return c == L'/'; }
 
-bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
-                          std::string& error) {
-  const auto reason = [](const std::string& what, const std::string& name) {
-    return what + " " + name + ": " + std::strerror(errno);
-  };
-  std::string temporary = path + ".XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) {
-    error = reason("cannot create a temporary file for", path);
-    return false;
-  }
-  error.clear();
-  if (fchmod(fd, NewFileMode()) != 0 || write(fd, data, size) != static_cast<ssize_t>(size) ||
-      fsync(fd) != 0)
-    error = reason("cannot write", path);
-  if (close(fd) != 0 && error.empty()) error = reason("cannot write", path);
-  if (error.empty() && rename(temporary.c_str(), path.c_str()) != 0)
-    error = reason("cannot replace", path);
-  if (error.empty()) return true;
-  unlink(temporary.c_str());
-  return false;
+std::FILE* VeltOpenTemporaryFile() { return std::tmpfile(); }
+
+bool VeltSeekFile(std::FILE* file, std::uint64_t offset) {
+  return fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
+
+namespace velt_system {
+
+std::string LastErrorText() { return std::strerror(errno); }
+
+bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle) {
+  temporary = path + ".XXXXXX";
+  handle = mkstemp(temporary.data());
+  return handle >= 0;
+}
+
+bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
+  const int fd = Descriptor(handle);
+  return fchmod(fd, NewFileMode()) == 0 && write(fd, data, size) == static_cast<ssize_t>(size) &&
+         fsync(fd) == 0;
+}
+
+bool CloseFile(std::intptr_t handle) { return close(Descriptor(handle)) == 0; }
+
+bool ReplaceFile(const std::string& from, const std::string& to) {
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool RemoveFile(const std::string& path) { return unlink(path.c_str()) == 0; }
+
+}  // namespace velt_system
 
 void VeltFailWritesPastSizeLimit() { signal(SIGXFSZ, SIG_IGN); }

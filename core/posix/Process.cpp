@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "core/File.h"
+#include "core/SystemCalls.h"
 #include "core/posix/ChildGroups.h"
 
 extern char** environ;
@@ -281,15 +282,11 @@ int StartChild(const ChildSetup& prepared, pid_t& pid) {
 
 }  // namespace
 
-int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
-                      VeltProcessHandle& processHandle, const AString& workingDirectory,
-                      const char* const* environment, const char* inputPath,
-                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
-                      bool errorToOutput, bool newProcessGroup, int* processId) {
-  processHandle = nullptr;
-  if (processId) *processId = 0;
-  if (creationFlags != 0 || argv == nullptr || argc < 1) return EINVAL;
-
+int velt_system::StartProcess(const AString& applicationName, const AString* argv, int argc,
+                              VeltProcessHandle& processHandle, const AString& workingDirectory,
+                              const char* const* environment, const char* inputPath,
+                              VeltPipeHandle outputHandle, bool inheritHandles, bool errorToOutput,
+                              bool newProcessGroup, int* processId) {
   std::string executable;
   const int lookup =
       FindProgram(VEL_ANSI(applicationName.empty() ? argv[0] : applicationName), executable);
@@ -444,11 +441,8 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
   poll(watched.data(), watched.size(), timeoutMilliseconds);
 }
 
-std::string VeltFormatSystemMessage(int errorCode) {
-  char buffer[79];
+std::string velt_system::ErrorText(int errorCode) {
+  char buffer[256];
   const char* text = strerror_r(errorCode, buffer, sizeof buffer);
-  std::string message(text ? text : "");
-  if (message.size() > sizeof buffer - 1) message.resize(sizeof buffer - 1);
-  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
-  return message;
+  return text ? text : "";
 }
