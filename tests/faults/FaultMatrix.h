@@ -24,9 +24,6 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
-#include <map>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 

@@ -7,8 +7,6 @@
 
 #include "tests/faults/FaultMatrix.h"
 
-namespace {
-
 using namespace veltest;
 
 // Row: the base directory (beside the design) is not writable
@@ -148,5 +146,3 @@ TEST_F(FileSystemFaults, PathsThatCannotBeAddedOrLookedAt) {
     EXPECT_EQ(Snapshot(extra), extraBefore);
   }
 }
-
-}  // namespace

@@ -3,8 +3,6 @@
 
 #include "tests/faults/FaultMatrix.h"
 
-namespace {
-
 using namespace veltest;
 
 // Row: design, output and added paths with blanks, quotes, commas, leading
@@ -104,5 +102,3 @@ TEST_F(NameFaults, NetNamesWithAwkwardCharacters) {
 //   removing that directory: the earlier run finishes and delivers all its
 //   views.
 // Proof: tests/executor/ExecutorTest.cpp ExecutorTest.AClashingRunKeepsTheEarlierDirectory
-
-}  // namespace
