@@ -33,7 +33,7 @@ bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t
   error.clear();
   if (!velt_system::WriteDurably(handle, data, size)) error = reason("cannot write", path);
   if (!velt_system::CloseFile(handle) && error.empty()) error = reason("cannot write", path);
-  if (error.empty() && !velt_system::ReplaceFile(temporary, path))
+  if (error.empty() && !velt_system::MoveIntoPlace(temporary, path))
     error = reason("cannot replace", path);
   if (error.empty()) return true;
   // The failure is reported already; a temporary file left beside the path

@@ -44,7 +44,7 @@ bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size);
 bool CloseFile(std::intptr_t handle);
 
 // Renames `from` to `to`, replacing a file there in one step.
-bool ReplaceFile(const std::string& from, const std::string& to);
+bool MoveIntoPlace(const std::string& from, const std::string& to);
 
 // Removes a file; false when it could not be removed.
 bool RemoveFile(const std::string& path);

@@ -175,7 +175,7 @@ bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
 
 bool CloseFile(std::intptr_t handle) { return close(Descriptor(handle)) == 0; }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
   return rename(from.c_str(), to.c_str()) == 0;
 }
 

@@ -184,7 +184,7 @@ bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
 
 bool CloseFile(std::intptr_t handle) { return CloseHandle(Handle(handle)) != 0; }
 
-bool ReplaceFile(const std::string& from, const std::string& to) {
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
   return MoveFileExW(AString(from).wstr().c_str(), AString(to).wstr().c_str(),
                      MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
 }
