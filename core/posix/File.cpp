@@ -20,6 +20,9 @@ constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
 
 int Descriptor(std::intptr_t handle) { return static_cast<int>(handle); }
 
+// Closes a file on the way out: one that was read, or one written on a path
+// that has failed already. A file whose bytes must land is closed with
+// VeltOutputFile::Close, which reports a failed close.
 void CloseHandle(std::intptr_t& handle) {
   if (handle >= 0) close(Descriptor(handle));
   handle = -1;

@@ -19,6 +19,9 @@ constexpr std::size_t kMostPerCall = 1u << 30;
 
 HANDLE Handle(std::intptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
 
+// Closes a file on the way out: one that was read, or one written on a path
+// that has failed already. A file whose bytes must land is closed with
+// VeltOutputFile::Close, which reports a failed close.
 void CloseFileHandle(std::intptr_t& handle) {
   if (handle != -1) CloseHandle(Handle(handle));
   handle = -1;
