@@ -7,11 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#ifdef _WIN32
-#include <filesystem>
-#include <random>
-#include <string>
-#endif
+#include "core/File.h"
 
 namespace {
 
@@ -25,36 +21,13 @@ std::runtime_error Failure(const std::string& what, const std::string& path) {
   return std::runtime_error(what + " " + path + ": " + std::strerror(errno));
 }
 
-int Seek(std::FILE* file, uint64_t offset) {
-#ifdef _WIN32
-  return _fseeki64(file, static_cast<long long>(offset), SEEK_SET);
-#else
-  return fseeko(file, static_cast<off_t>(offset), SEEK_SET);
-#endif
+// zlib's own text for a failed call.
+std::runtime_error ZlibFailure(const std::string& what, int code) {
+  return std::runtime_error(what + ": " + zError(code));
 }
 
-// An anonymous temporary file: removed when closed, or when the process
-// ends however it ends.
-std::FILE* OpenTemporaryFile() {
-#ifdef _WIN32
-  // The C runtime's tmpfile() creates its file in the drive's root, where a
-  // user often may not write; "D" removes the file when it is closed.
-  namespace fs = std::filesystem;
-  std::random_device random;
-  std::error_code error;
-  const fs::path directory = fs::temp_directory_path(error);
-  if (error) return nullptr;
-  for (int attempt = 0; attempt < 16; ++attempt) {
-    const fs::path path = directory / ("velextracta-" + std::to_string(random()) + ".tmp");
-    // "x": never an existing file; "T": kept in memory where it fits.
-    if (std::FILE* file = _wfopen(path.wstring().c_str(), L"w+bxTD")) return file;
-  }
-  return nullptr;
-#else
-  return std::tmpfile();
-#endif
-}
-
+// Only files that are read, or the temporary file that goes with its store,
+// are closed here: a failed close loses nothing.
 struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
@@ -73,7 +46,7 @@ File OpenForReading(const std::string& path) {
 DeflateStore::DeflateStore(std::size_t memoryBudget) : budget_(memoryBudget) {}
 
 DeflateStore::~DeflateStore() {
-  if (file_) std::fclose(file_);
+  if (file_) std::fclose(file_);  // the temporary file goes away with it; nothing is lost
 }
 
 DeflateSegment DeflateStore::keep(std::string compressed, uint64_t size, uint32_t crc) {
@@ -87,9 +60,9 @@ DeflateSegment DeflateStore::keep(std::string compressed, uint64_t size, uint32_
     segment.memory = std::make_shared<const std::string>(std::move(compressed));
     return segment;
   }
-  if (!file_ && !(file_ = OpenTemporaryFile()))
+  if (!file_ && !(file_ = VeltOpenTemporaryFile()))
     throw Failure("cannot create a temporary file for compressed views", "");
-  if (Seek(file_, fileSize_) != 0 ||
+  if (!VeltSeekFile(file_, fileSize_) ||
       std::fwrite(compressed.data(), 1, compressed.size(), file_) != compressed.size())
     throw Failure("cannot write compressed views to a temporary file", "");
   segment.fileOffset = fileSize_;
@@ -106,7 +79,7 @@ void DeflateStore::read(const DeflateSegment& segment, uint64_t offset, char* ou
   }
   std::lock_guard<std::mutex> lock(mutex_);
   // Written data may still sit in the stream's buffer; the seek flushes it.
-  if (Seek(file_, segment.fileOffset + offset) != 0 || std::fread(out, 1, n, file_) != n)
+  if (!VeltSeekFile(file_, segment.fileOffset + offset) || std::fread(out, 1, n, file_) != n)
     throw Failure("cannot read compressed views from a temporary file", "");
 }
 
@@ -128,22 +101,26 @@ struct SegmentDeflater::State {
 };
 
 SegmentDeflater::SegmentDeflater() : state_(new State) {
-  if (deflateInit2(&state_->stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
-                   Z_DEFAULT_STRATEGY) != Z_OK)
-    throw std::runtime_error("cannot start a deflate stream");
+  const int started = deflateInit2(&state_->stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits,
+                                   kMemoryLevel, Z_DEFAULT_STRATEGY);
+  if (started != Z_OK) throw ZlibFailure("cannot start a deflate stream", started);
 }
 
+// Ending a stream only frees its memory; that it held unfinished output
+// (the code it then returns) does not matter here.
 SegmentDeflater::~SegmentDeflater() { deflateEnd(&state_->stream); }
 
 DeflateSegment SegmentDeflater::deflate(const char* data, std::size_t n,
                                         std::size_t dictionaryLength, DeflateStore& store) {
   z_stream& stream = state_->stream;
-  if (deflateReset(&stream) != Z_OK) throw std::runtime_error("cannot reset a deflate stream");
+  if (const int reset = deflateReset(&stream); reset != Z_OK)
+    throw ZlibFailure("cannot reset a deflate stream", reset);
   const std::size_t dictionary = std::min(dictionaryLength, kWindow);
-  if (dictionary > 0 &&
-      deflateSetDictionary(&stream, reinterpret_cast<const Bytef*>(data - dictionary),
-                           static_cast<uInt>(dictionary)) != Z_OK)
-    throw std::runtime_error("cannot set a deflate dictionary");
+  if (dictionary > 0) {
+    const int set = deflateSetDictionary(&stream, reinterpret_cast<const Bytef*>(data - dictionary),
+                                         static_cast<uInt>(dictionary));
+    if (set != Z_OK) throw ZlibFailure("cannot set a deflate dictionary", set);
+  }
 
   // The bound covers the data; the sync flush adds its empty stored block.
   std::string& output = state_->output;
@@ -155,7 +132,7 @@ DeflateSegment SegmentDeflater::deflate(const char* data, std::size_t n,
     stream.next_out = reinterpret_cast<Bytef*>(&output[produced]);
     stream.avail_out = static_cast<uInt>(output.size() - produced);
     const int result = ::deflate(&stream, Z_SYNC_FLUSH);
-    if (result != Z_OK && result != Z_BUF_ERROR) throw std::runtime_error("deflate failed");
+    if (result != Z_OK && result != Z_BUF_ERROR) throw ZlibFailure("deflate failed", result);
     produced = output.size() - stream.avail_out;
     // Done once the flush fitted: input used up and room left over.
     if (stream.avail_in == 0 && stream.avail_out > 0) break;
@@ -186,15 +163,16 @@ DeflatedEntry JoinSegments(std::vector<DeflateSegment> segments) {
 const std::string& DeflateFinalBlock() {
   static const std::string block = [] {
     z_stream stream{};
-    if (deflateInit2(&stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits, kMemoryLevel,
-                     Z_DEFAULT_STRATEGY) != Z_OK)
-      throw std::runtime_error("cannot start a deflate stream");
+    const int started = deflateInit2(&stream, kViewDeflateLevel, Z_DEFLATED, kRawWindowBits,
+                                     kMemoryLevel, Z_DEFAULT_STRATEGY);
+    if (started != Z_OK) throw ZlibFailure("cannot start a deflate stream", started);
     unsigned char out[64];
     stream.next_out = out;
     stream.avail_out = sizeof out;
-    ::deflate(&stream, Z_FINISH);
+    const int finished = ::deflate(&stream, Z_FINISH);
     std::string bytes(reinterpret_cast<char*>(out), sizeof out - stream.avail_out);
     deflateEnd(&stream);
+    if (finished != Z_STREAM_END) throw ZlibFailure("cannot end a deflate stream", finished);
     return bytes;
   }();
   return block;
@@ -205,7 +183,7 @@ const std::string& DeflateFinalBlock() {
 std::string ReadFileRange(const std::string& path, uint64_t offset, std::size_t length) {
   const File file = OpenForReading(path);
   std::string data(length, '\0');
-  if (Seek(file.get(), offset) != 0 || std::fread(&data[0], 1, length, file.get()) != length)
+  if (!VeltSeekFile(file.get(), offset) || std::fread(&data[0], 1, length, file.get()) != length)
     throw Failure("cannot read", path);
   return data;
 }

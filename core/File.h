@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 #include "core/AString.h"
@@ -112,6 +113,16 @@ bool VeltIsPathSeparator(wchar_t c);
 // as it was and `error` says why.
 bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
                           std::string& error);
+
+// An anonymous temporary file of the C runtime's, open for reading and
+// writing: removed when it is closed, or when the process ends however it
+// ends. Null when none can be made (errno says why).
+std::FILE* VeltOpenTemporaryFile();
+
+// Moves a C runtime file's position to `offset` from its start, files
+// beyond 2 GiB included; false on failure (errno says why). A seek also
+// flushes what a write left in the stream's buffer.
+bool VeltSeekFile(std::FILE* file, std::uint64_t offset);
 
 // A write past the process's file size limit fails like any other failed
 // write, instead of ending the program on the spot, so that a run reaches its

@@ -1,8 +1,23 @@
-// What the pipes share on every system: the reader a polling loop calls.
+// What the pipes share on every system: closing, and the reader a polling
+// loop calls.
 
 #include "core/Pipe.h"
 
+#include "core/SystemCalls.h"
 #include "core/VelAssert.h"
+#include "core/VelDebug.h"
+
+CPipe::~CPipe() { Close(); }
+
+void CPipe::Close() {
+  for (VeltPipeHandle& handle : handles_) {
+    // An end that fails to close is gone all the same; the cause is traced.
+    if (handle != kVeltNullPipeHandle && !velt_system::ClosePipeEnd(handle))
+      VelDebug(1, L"*CPipe: cannot close a pipe end: %s\n",
+               AString(velt_system::LastErrorText()).wstr().c_str());
+    handle = kVeltNullPipeHandle;
+  }
+}
 
 int drainPipe(VeltPipeHandle readEnd, AString& output) {
   CPipeCommunicator communicator(readEnd);

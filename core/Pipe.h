@@ -14,8 +14,7 @@ constexpr VeltPipeHandle kVeltNullPipeHandle = -1;
 // An anonymous pipe: the first handle is the read end, the second the write
 // end. Neither end is inherited by a child by accident: a child holds the
 // write end only where its creator puts it on its standard streams. Reads
-// from the read end never wait unless asked to. Both ends close with the
-// object.
+// from the read end never wait. Both ends close with the object.
 class CPipe {
  public:
   CPipe() = default;
@@ -40,16 +39,15 @@ class CPipeCommunicator {
  public:
   explicit CPipeCommunicator(VeltPipeHandle readHandle) : handle_(readHandle) {}
 
-  // Returns 0 on success, else the system's error code.
+  // Returns 0 on success, else the system's error code. Never waits.
   //   consume false: the availability query. count = the bytes waiting in the
   //     pipe; nothing is read and the buffer is left alone.
-  //   consume true: reads at most `size` bytes into the buffer; count = the
-  //     bytes read (0 when nothing came, or the writers closed the pipe).
-  //   waitMilliseconds: how long a read may wait for data; 0: not at all (the
-  //     read never blocks); negative: without limit.
-  //   acceptPartial true: returns after the first data that arrives;
-  //     false: reads on until `size` bytes came, the writers closed the pipe
-  //     or the wait ran out.
+  //   consume true: reads at most `size` bytes of what is waiting into the
+  //     buffer; count = the bytes read (0 when nothing came, or the writers
+  //     closed the pipe).
+  // The last two parameters (a wait in milliseconds, and whether a partial
+  // read may return) keep the call's established shape; every caller reads
+  // without waiting and takes what has come, which is all a read does.
   int Read(char* buffer, int size, int& count, bool consume, int waitMilliseconds,
            bool acceptPartial);
 

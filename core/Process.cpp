@@ -1,6 +1,32 @@
-// What process creation shares on every system: the command line's split.
+// What process creation shares on every system: the checks of the
+// arguments, the system's message texts as callers see them, and the command
+// line's split.
 
 #include "core/Process.h"
+
+#include "core/SystemCalls.h"
+
+int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
+                      VeltProcessHandle& processHandle, const AString& workingDirectory,
+                      const char* const* environment, const char* inputPath,
+                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
+                      bool errorToOutput, bool newProcessGroup, int* processId) {
+  processHandle = nullptr;
+  if (processId) *processId = 0;
+  if (creationFlags != 0 || argv == nullptr || argc < 1) return kVeltErrorInvalidArgument;
+  return velt_system::StartProcess(applicationName, argv, argc, processHandle, workingDirectory,
+                                   environment, inputPath, outputHandle, inheritHandles,
+                                   errorToOutput, newProcessGroup, processId);
+}
+
+std::string VeltFormatSystemMessage(int errorCode) {
+  // What a buffer of 79 characters holds with its terminator.
+  constexpr std::size_t kMostCharacters = 78;
+  std::string message = velt_system::ErrorText(errorCode);
+  if (message.size() > kMostCharacters) message.resize(kMostCharacters);
+  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
+  return message;
+}
 
 std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine) {
   std::vector<std::string> arguments;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/File.h"
+#include "core/SystemCalls.h"
 
 namespace {
 
@@ -170,7 +171,8 @@ std::string ZipEntryName(const std::string& path) {
   std::size_t root = RootLength(path);
   if (root == 0) {
     const std::string current = VeltCurrentDirectory();
-    if (current.empty()) throw CZipException("cannot read the current directory");
+    if (current.empty())
+      throw CZipException("cannot read the current directory: " + velt_system::LastErrorText());
     absolute = current + "/" + path;
     root = RootLength(absolute);
   }
@@ -221,16 +223,18 @@ void CZipArchive::Open(const std::string& path, int mode, long long volumeSize) 
   entries_ = 0;
 }
 
-void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, int /*smartness*/,
-                             unsigned long /*bufferSize*/) {
+void CZipArchive::AddNewFile(const std::string& path, int level, bool fullPath, int,
+                             unsigned long) {
   if (!archive_) throw CZipException("no archive is open");
   if (level < -1 || level > 9) throw CZipException("compression level out of range");
 
   const AString wide(path);
-  if (!VeltPathExists(wide)) throw CZipException("cannot add " + path + ": no such file");
+  VeltFileInfo info;
+  if (!VeltFileStatus(wide, info))
+    throw CZipException("cannot add " + path + ": " + velt_system::LastErrorText());
   const std::string name = EntryName(path, fullPath);
 
-  if (VeltIsDirectory(wide)) {
+  if (info.directory) {
     if (zip_dir_add(archive_, name.c_str(), ZIP_FL_ENC_GUESS) < 0)
       throw CZipException("cannot add directory " + path + ": " + zip_strerror(archive_));
     ++entries_;
@@ -262,7 +266,7 @@ void CZipArchive::AddDeflatedFile(const std::string& path, bool fullPath, Deflat
   if (!archive_) throw CZipException("no archive is open");
   VeltFileInfo st;
   if (!VeltFileStatus(AString(path), st))
-    throw CZipException("cannot add " + path + ": no such file");
+    throw CZipException("cannot add " + path + ": " + velt_system::LastErrorText());
   if (!st.regular || st.size != entry.size)
     throw CZipException("the file changed after it was compressed: " + path);
   const std::string name = EntryName(path, fullPath);

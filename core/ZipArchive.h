@@ -45,11 +45,11 @@ class CZipArchive {
   // Adds one file, or a directory as a directory entry (its contents are not
   // added). With `fullPath` the entry name is the path's absolute normalised
   // form without its root; otherwise its last element. The file is read when
-  // the archive is closed; a path that does not exist throws here. The
-  // smartness flags and buffer size are accepted for callers that tune them;
-  // the library chooses its own buffering.
-  void AddNewFile(const std::string& path, int level, bool fullPath, int smartness = 0,
-                  unsigned long bufferSize = 65536);
+  // the archive is closed; a path that does not exist throws here. The last
+  // two parameters (smartness flags, buffer size) keep the call's established
+  // shape and are not used: the library chooses its own buffering.
+  void AddNewFile(const std::string& path, int level, bool fullPath, int = 0,
+                  unsigned long = 65536);
 
   // Adds a file whose data was deflated already: the entry is written from
   // the segments as they are, with the file's time and attributes, and never

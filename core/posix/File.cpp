@@ -11,6 +11,8 @@
 #include <filesystem>
 #include <vector>
 
+#include "core/SystemCalls.h"
+
 namespace {
 
 // Large enough that one call copies a whole piece; the kernel splits it.
@@ -18,6 +20,9 @@ constexpr std::size_t kCopyChunk = std::size_t(1) << 30;
 
 int Descriptor(std::intptr_t handle) { return static_cast<int>(handle); }
 
+// Closes a file on the way out: one that was read, or one written on a path
+// that has failed already. A file whose bytes must land is closed with
+// VeltOutputFile::Close, which reports a failed close.
 void CloseHandle(std::intptr_t& handle) {
   if (handle >= 0) close(Descriptor(handle));
   handle = -1;
@@ -149,27 +154,36 @@ std::string VeltCurrentDirectory() {
 
 bool VeltIsPathSeparator(wchar_t c) { return c == L'/'; }
 
-bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
-                          std::string& error) {
-  const auto reason = [](const std::string& what, const std::string& name) {
-    return what + " " + name + ": " + std::strerror(errno);
-  };
-  std::string temporary = path + ".XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) {
-    error = reason("cannot create a temporary file for", path);
-    return false;
-  }
-  error.clear();
-  if (fchmod(fd, NewFileMode()) != 0 || write(fd, data, size) != static_cast<ssize_t>(size) ||
-      fsync(fd) != 0)
-    error = reason("cannot write", path);
-  if (close(fd) != 0 && error.empty()) error = reason("cannot write", path);
-  if (error.empty() && rename(temporary.c_str(), path.c_str()) != 0)
-    error = reason("cannot replace", path);
-  if (error.empty()) return true;
-  unlink(temporary.c_str());
-  return false;
+std::FILE* VeltOpenTemporaryFile() { return std::tmpfile(); }
+
+bool VeltSeekFile(std::FILE* file, std::uint64_t offset) {
+  return fseeko(file, static_cast<off_t>(offset), SEEK_SET) == 0;
 }
+
+namespace velt_system {
+
+std::string LastErrorText() { return std::strerror(errno); }
+
+bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle) {
+  temporary = path + ".XXXXXX";
+  handle = mkstemp(temporary.data());
+  return handle >= 0;
+}
+
+bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
+  const int fd = Descriptor(handle);
+  return fchmod(fd, NewFileMode()) == 0 && write(fd, data, size) == static_cast<ssize_t>(size) &&
+         fsync(fd) == 0;
+}
+
+bool CloseFile(std::intptr_t handle) { return close(Descriptor(handle)) == 0; }
+
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
+bool RemoveFile(const std::string& path) { return unlink(path.c_str()) == 0; }
+
+}  // namespace velt_system
 
 void VeltFailWritesPastSizeLimit() { signal(SIGXFSZ, SIG_IGN); }

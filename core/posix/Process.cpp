@@ -17,7 +17,9 @@
 #include <cstring>
 
 #include "core/File.h"
+#include "core/SystemCalls.h"
 #include "core/posix/ChildGroups.h"
+#include "core/posix/ProgramLookup.h"
 
 extern char** environ;
 
@@ -93,61 +95,6 @@ int WatchEnd(pid_t pid) {
   (void)pid;
   return -1;
 #endif
-}
-
-bool EndsWithExe(const std::string& name) {
-  if (name.size() <= 4) return false;
-  const std::string tail = name.substr(name.size() - 4);
-  return strcasecmp(tail.c_str(), ".exe") == 0;
-}
-
-// True for a regular file we may execute; `unusable` records a file that is
-// there but is no program we may run.
-bool IsProgram(const std::string& path, bool& unusable) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0) return false;
-  if (S_ISREG(info.st_mode) && access(path.c_str(), X_OK) == 0) return true;
-  unusable = true;
-  return false;
-}
-
-std::string Absolute(const std::string& path) {
-  if (!path.empty() && path[0] == '/') return path;
-  const std::string directory = VeltCurrentDirectory();
-  return directory.empty() ? path : directory + "/" + path;
-}
-
-// Finds the program to execute; 0 and its absolute path, or an error code.
-int FindProgram(const std::string& name, std::string& found) {
-  if (name.empty()) return ENOENT;
-  std::vector<std::string> candidates{name};
-  if (EndsWithExe(name)) candidates.push_back(name.substr(0, name.size() - 4));
-  const char* pathVariable = std::getenv("PATH");
-  const std::string searchPath = pathVariable ? pathVariable : "/bin:/usr/bin";
-  bool unusable = false;
-  for (const std::string& candidate : candidates) {
-    if (candidate.find('/') != std::string::npos) {
-      if (IsProgram(candidate, unusable)) {
-        found = Absolute(candidate);
-        return 0;
-      }
-      continue;
-    }
-    std::size_t start = 0;
-    for (;;) {
-      const std::size_t end = searchPath.find(':', start);
-      std::string directory = searchPath.substr(start, end - start);
-      if (directory.empty()) directory = ".";  // an empty entry is the current directory
-      const std::string path = directory + "/" + candidate;
-      if (IsProgram(path, unusable)) {
-        found = Absolute(path);
-        return 0;
-      }
-      if (end == std::string::npos) break;
-      start = end + 1;
-    }
-  }
-  return unusable ? EACCES : ENOENT;
 }
 
 // Signals a caller may ignore, which a child must not inherit ignored.
@@ -281,18 +228,14 @@ int StartChild(const ChildSetup& prepared, pid_t& pid) {
 
 }  // namespace
 
-int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
-                      VeltProcessHandle& processHandle, const AString& workingDirectory,
-                      const char* const* environment, const char* inputPath,
-                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
-                      bool errorToOutput, bool newProcessGroup, int* processId) {
-  processHandle = nullptr;
-  if (processId) *processId = 0;
-  if (creationFlags != 0 || argv == nullptr || argc < 1) return EINVAL;
-
+int velt_system::StartProcess(const AString& applicationName, const AString* argv, int argc,
+                              VeltProcessHandle& processHandle, const AString& workingDirectory,
+                              const char* const* environment, const char* inputPath,
+                              VeltPipeHandle outputHandle, bool inheritHandles, bool errorToOutput,
+                              bool newProcessGroup, int* processId) {
   std::string executable;
-  const int lookup =
-      FindProgram(VEL_ANSI(applicationName.empty() ? argv[0] : applicationName), executable);
+  const int lookup = velt_posix::FindProgram(
+      VEL_ANSI(applicationName.empty() ? argv[0] : applicationName), executable);
   if (lookup != 0) return lookup;
 
   std::vector<std::string> arguments{VEL_ANSI(argv[0])};
@@ -444,11 +387,8 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
   poll(watched.data(), watched.size(), timeoutMilliseconds);
 }
 
-std::string VeltFormatSystemMessage(int errorCode) {
-  char buffer[79];
+std::string velt_system::ErrorText(int errorCode) {
+  char buffer[256];
   const char* text = strerror_r(errorCode, buffer, sizeof buffer);
-  std::string message(text ? text : "");
-  if (message.size() > sizeof buffer - 1) message.resize(sizeof buffer - 1);
-  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
-  return message;
+  return text ? text : "";
 }

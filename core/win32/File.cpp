@@ -5,9 +5,12 @@
 #include <algorithm>
 #include <atomic>
 #include <filesystem>
+#include <random>
+#include <string>
 #include <vector>
 
 #include "core/Process.h"
+#include "core/SystemCalls.h"
 
 namespace {
 
@@ -16,6 +19,9 @@ constexpr std::size_t kMostPerCall = 1u << 30;
 
 HANDLE Handle(std::intptr_t handle) { return reinterpret_cast<HANDLE>(handle); }
 
+// Closes a file on the way out: one that was read, or one written on a path
+// that has failed already. A file whose bytes must land is closed with
+// VeltOutputFile::Close, which reports a failed close.
 void CloseFileHandle(std::intptr_t& handle) {
   if (handle != -1) CloseHandle(Handle(handle));
   handle = -1;
@@ -140,34 +146,55 @@ std::string VeltCurrentDirectory() {
 
 bool VeltIsPathSeparator(wchar_t c) { return c == L'/' || c == L'\\'; }
 
-bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
-                          std::string& error) {
-  static std::atomic<unsigned> serial{0};
-  const std::wstring target = AString(path).wstr();
-  const std::wstring temporary = target + L"." + std::to_wstring(GetCurrentProcessId()) + L"." +
-                                 std::to_wstring(serial++) + L".tmp";
-  const auto reason = [](const std::string& what, const std::string& name) {
-    return what + " " + name + ": " + VeltFormatSystemMessage(static_cast<int>(GetLastError()));
-  };
-  HANDLE file = CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                            FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    error = reason("cannot create a temporary file for", path);
-    return false;
+std::FILE* VeltOpenTemporaryFile() {
+  // The C runtime's tmpfile() creates its file in the drive's root, where a
+  // user often may not write; "D" removes the file when it is closed.
+  namespace fs = std::filesystem;
+  std::random_device random;
+  std::error_code error;
+  const fs::path directory = fs::temp_directory_path(error);
+  if (error) return nullptr;
+  for (int attempt = 0; attempt < 16; ++attempt) {
+    const fs::path path = directory / ("velextracta-" + std::to_string(random()) + ".tmp");
+    // "x": never an existing file; "T": kept in memory where it fits.
+    if (std::FILE* file = _wfopen(path.wstring().c_str(), L"w+bxTD")) return file;
   }
-  error.clear();
-  DWORD written = 0;
-  if (!WriteFile(file, data, static_cast<DWORD>(size), &written, nullptr) || written != size ||
-      !FlushFileBuffers(file))
-    error = reason("cannot write", path);
-  if (!CloseHandle(file) && error.empty()) error = reason("cannot write", path);
-  if (error.empty() && !MoveFileExW(temporary.c_str(), target.c_str(),
-                                    MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH))
-    error = reason("cannot replace", path);
-  if (error.empty()) return true;
-  DeleteFileW(temporary.c_str());
-  return false;
+  return nullptr;
 }
+
+bool VeltSeekFile(std::FILE* file, std::uint64_t offset) {
+  return _fseeki64(file, static_cast<long long>(offset), SEEK_SET) == 0;
+}
+
+namespace velt_system {
+
+std::string LastErrorText() { return VeltFormatSystemMessage(static_cast<int>(GetLastError())); }
+
+bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle) {
+  static std::atomic<unsigned> serial{0};
+  temporary =
+      path + "." + std::to_string(GetCurrentProcessId()) + "." + std::to_string(serial++) + ".tmp";
+  int error = 0;  // GetLastError() keeps it for LastErrorText
+  handle = ::Open(AString(temporary), GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, error);
+  return handle != -1;
+}
+
+bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
+  DWORD written = 0;
+  return WriteFile(Handle(handle), data, static_cast<DWORD>(size), &written, nullptr) &&
+         written == size && FlushFileBuffers(Handle(handle));
+}
+
+bool CloseFile(std::intptr_t handle) { return CloseHandle(Handle(handle)) != 0; }
+
+bool MoveIntoPlace(const std::string& from, const std::string& to) {
+  return MoveFileExW(AString(from).wstr().c_str(), AString(to).wstr().c_str(),
+                     MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+bool RemoveFile(const std::string& path) { return DeleteFileW(AString(path).wstr().c_str()) != 0; }
+
+}  // namespace velt_system
 
 // Windows has no file size limit signal: such a write fails by itself.
 void VeltFailWritesPastSizeLimit() {}

@@ -3,7 +3,8 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <chrono>
+
+#include "core/SystemCalls.h"
 
 namespace {
 
@@ -27,14 +28,7 @@ DWORD Waiting(HANDLE pipe, int& error) {
 
 }  // namespace
 
-CPipe::~CPipe() { Close(); }
-
-void CPipe::Close() {
-  for (VeltPipeHandle& handle : handles_) {
-    if (handle != kVeltNullPipeHandle) CloseHandle(Handle(handle));
-    handle = kVeltNullPipeHandle;
-  }
-}
+bool velt_system::ClosePipeEnd(VeltPipeHandle handle) { return CloseHandle(Handle(handle)) != 0; }
 
 bool CPipe::CreatePipe() {
   Close();
@@ -48,8 +42,7 @@ bool CPipe::CreatePipe() {
   return true;
 }
 
-int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, int waitMilliseconds,
-                            bool acceptPartial) {
+int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, int, bool) {
   count = 0;
   if (handle_ == kVeltNullPipeHandle) return ERROR_INVALID_HANDLE;
   HANDLE pipe = Handle(handle_);
@@ -59,30 +52,15 @@ int CPipeCommunicator::Read(char* buffer, int size, int& count, bool consume, in
     return error;
   }
   if (size <= 0) return 0;
-
   // An anonymous pipe cannot be read without waiting, so only what the
-  // system reports as waiting is read, and a wait is a series of looks.
-  using Clock = std::chrono::steady_clock;
-  const auto deadline = Clock::now() + std::chrono::milliseconds(waitMilliseconds);
-  while (count < size) {
-    const DWORD waiting = Waiting(pipe, error);
-    if (error != 0) return error;
-    if (waiting > 0) {
-      const DWORD wanted = std::min<DWORD>(waiting, static_cast<DWORD>(size - count));
-      DWORD got = 0;
-      if (!ReadFile(pipe, buffer + count, wanted, &got, nullptr)) {
-        const DWORD code = GetLastError();
-        return code == ERROR_BROKEN_PIPE ? 0 : static_cast<int>(code);
-      }
-      count += static_cast<int>(got);
-      if (acceptPartial) return 0;
-      continue;
-    }
-    // Nothing waiting: is any writer left to send more?
-    if (!PeekNamedPipe(pipe, nullptr, 0, nullptr, nullptr, nullptr)) return 0;
-    if (waitMilliseconds == 0) return 0;
-    if (waitMilliseconds > 0 && Clock::now() >= deadline) return 0;
-    Sleep(1);
+  // system reports as waiting is read.
+  const DWORD waiting = Waiting(pipe, error);
+  if (error != 0 || waiting == 0) return error;
+  DWORD got = 0;
+  if (!ReadFile(pipe, buffer, std::min<DWORD>(waiting, static_cast<DWORD>(size)), &got, nullptr)) {
+    const DWORD code = GetLastError();
+    return code == ERROR_BROKEN_PIPE ? 0 : static_cast<int>(code);
   }
+  count = static_cast<int>(got);
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <vector>
 
+#include "core/SystemCalls.h"
 #include "core/win32/ChildJobs.h"
 
 const int kVeltErrorNotFound = ERROR_FILE_NOT_FOUND;
@@ -120,15 +121,11 @@ std::wstring EnvironmentBlock(const char* const* environment) {
 
 }  // namespace
 
-int VeltCreateProcess(const AString& applicationName, const AString* argv, int argc,
-                      VeltProcessHandle& processHandle, const AString& workingDirectory,
-                      const char* const* environment, const char* inputPath,
-                      VeltPipeHandle outputHandle, unsigned creationFlags, bool inheritHandles,
-                      bool errorToOutput, bool newProcessGroup, int* processId) {
-  processHandle = nullptr;
-  if (processId) *processId = 0;
-  if (creationFlags != 0 || argv == nullptr || argc < 1) return kVeltErrorInvalidArgument;
-
+int velt_system::StartProcess(const AString& applicationName, const AString* argv, int argc,
+                              VeltProcessHandle& processHandle, const AString& workingDirectory,
+                              const char* const* environment, const char* inputPath,
+                              VeltPipeHandle outputHandle, bool inheritHandles, bool errorToOutput,
+                              bool newProcessGroup, int* processId) {
   // Checked here, so that a bad working directory is not mistaken for a
   // missing program.
   const std::wstring directory = Wide(workingDirectory);
@@ -312,25 +309,16 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
   }
 }
 
-std::string VeltFormatSystemMessage(int errorCode) {
-  constexpr DWORD kFlags = FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS;
-  const DWORD language = MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT);
-  char buffer[79] = {};
+std::string velt_system::ErrorText(int errorCode) {
+  constexpr DWORD kFlags =
+      FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_ALLOCATE_BUFFER;
+  char* text = nullptr;
   std::string message;
-  if (FormatMessageA(kFlags, nullptr, static_cast<DWORD>(errorCode), language, buffer,
-                     sizeof buffer, nullptr) != 0) {
-    message = buffer;
-  } else {
-    // A text longer than the buffer: the part that fits.
-    char* whole = nullptr;
-    if (FormatMessageA(kFlags | FORMAT_MESSAGE_ALLOCATE_BUFFER, nullptr,
-                       static_cast<DWORD>(errorCode), language, reinterpret_cast<char*>(&whole), 0,
-                       nullptr) != 0 &&
-        whole) {
-      message.assign(whole, std::min<std::size_t>(std::strlen(whole), sizeof buffer - 1));
-    }
-    if (whole) LocalFree(whole);
-  }
-  while (!message.empty() && (message.back() == '\n' || message.back() == '\r')) message.pop_back();
+  if (FormatMessageA(kFlags, nullptr, static_cast<DWORD>(errorCode),
+                     MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT), reinterpret_cast<char*>(&text), 0,
+                     nullptr) != 0 &&
+      text)
+    message = text;
+  if (text) LocalFree(text);
   return message;
 }

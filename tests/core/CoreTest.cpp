@@ -163,23 +163,14 @@ LongFileName Dir(const std::string& path) {
 
 TEST(LongFileNameTest, MakeItDirectoryEndsTheTextInOneSeparator) {
   // An empty base is the current directory, never the file system root.
-  for (const auto& [base, directory] : {std::pair{"", L"./"},
-                                        {"a", L"a/"},
-                                        {"a/", L"a/"},
-                                        {"a//", L"a/"},
-                                        {"/", L"/"},
-                                        {"/tmp/x y", L"/tmp/x y/"},
-#ifdef _WIN32
-                                        // A name written with "\\" goes on with it.
-                                        {"C:\\d\\e", L"C:\\d\\e\\"},
-                                        {"C:\\d/e\\\\", L"C:\\d/e\\"},
-                                        {"C:/d", L"C:/d/"},
-                                        {"C:\\", L"C:\\"},
-                                        {"C:", L"C:./"}}) {
-#else
-                                        // "\\" is an ordinary character here.
-                                        {"a\\b\\", L"a\\b\\/"}}) {
-#endif
+  auto cases = veltest::kSystemDirectoryNames;
+  cases.insert(cases.end(), {{"", L"./"},
+                             {"a", L"a/"},
+                             {"a/", L"a/"},
+                             {"a//", L"a/"},
+                             {"/", L"/"},
+                             {"/tmp/x y", L"/tmp/x y/"}});
+  for (const auto& [base, directory] : cases) {
     EXPECT_EQ(Dir(base).FilePath().wstr(), directory) << base;
     EXPECT_TRUE(Dir(base).IsInitialized());
   }

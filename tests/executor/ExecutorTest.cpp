@@ -22,14 +22,6 @@ namespace {
 
 using namespace veltest;
 
-// Seconds since 1970 of the local wall clock now.
-long LocalSecondsNow() {
-  const time_t now = std::time(nullptr);
-  tm utc = *std::gmtime(&now);
-  utc.tm_isdst = -1;  // the local offset at that moment, summer time included
-  return static_cast<long>(now + (now - std::mktime(&utc)));
-}
-
 // Every test starts without the debug variable: the executor removes its
 // working directory when destroyed. The clock is nine hours east of UTC, so
 // that a run number taken from UTC instead of the local clock shows.
@@ -44,7 +36,7 @@ class ExecutorTest : public ::testing::Test {
 // seconds. A run whose name is taken moves to the next number up, as far as a
 // thousand numbers on; past that it fails. Either way the directories it did
 // not make keep their files, and its own goes when it is destroyed.
-TEST_F(ExecutorTest, ARunTakesTheNextFreeNumberAndGivesUpAfterAThousand) {
+TEST_F(ExecutorTest, TakenNamesMoveTheRunOn) {
   const struct {
     long taken;  // names taken from the second before the run on
     bool created;

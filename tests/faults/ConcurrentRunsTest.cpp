@@ -16,15 +16,6 @@ namespace {
 
 using namespace veltest;
 
-// Seconds since 1970 of the local wall clock: the run number a run started
-// now computes.
-long LocalSecondsNow() {
-  const time_t now = std::time(nullptr);
-  tm utc = *std::gmtime(&now);
-  utc.tm_isdst = -1;  // the local offset at that moment, summer time included
-  return static_cast<long>(now + (now - std::mktime(&utc)));
-}
-
 // An archive's entries by file name (the entry names carry the working
 // directory, which differs from run to run).
 std::map<std::string, std::string> EntriesByLeaf(const std::string& archive) {
@@ -36,7 +27,7 @@ std::map<std::string, std::string> EntriesByLeaf(const std::string& archive) {
 // Row: the thousand run numbers from a run's own all taken beside the design
 // Outcome: exit 1, "view creation failed (1).": the run gives up without
 //   writing into or removing any of the directories that hold those names.
-// Proof: tests/executor/ExecutorTest.cpp ExecutorTest.ARunTakesTheNextFreeNumberAndGivesUpAfterAThousand
+// Proof: tests/executor/ExecutorTest.cpp ExecutorTest.TakenNamesMoveTheRunOn
 // Row: several runs started together in one folder: each on a design of its
 //   own, or all on one design with outputs of their own, or after someone
 //   else made the directories of the coming minute's run numbers

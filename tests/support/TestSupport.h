@@ -29,10 +29,22 @@
 
 namespace veltest {
 
+// Directory names in the system's own spellings, and the directory text
+// LongFileName makes of each.
 #ifdef _WIN32
 constexpr bool kOnWindows = true;
+// A name written with "\\" goes on with it.
+inline const std::vector<std::pair<std::string, std::wstring>> kSystemDirectoryNames = {
+    {"C:\\d\\e", L"C:\\d\\e\\"},
+    {"C:\\d/e\\\\", L"C:\\d/e\\"},
+    {"C:/d", L"C:/d/"},
+    {"C:\\", L"C:\\"},
+    {"C:", L"C:./"}};
 #else
 constexpr bool kOnWindows = false;
+// "\\" is an ordinary character here.
+inline const std::vector<std::pair<std::string, std::wstring>> kSystemDirectoryNames = {
+    {"a\\b\\", L"a\\b\\/"}};
 #endif
 
 // A fresh directory under the system's temporary directory, removed with
@@ -118,6 +130,10 @@ RunResult RunProgram(const std::vector<std::string>& argv, const RunOptions& opt
 // code a SIGKILL shows on POSIX (137). True when it was sent.
 bool SendSignal(int pid, int signal);
 inline void KillProcess(int pid) { SendSignal(pid, SIGKILL); }
+
+// Seconds since 1970 of the local wall clock now: the run number of a run
+// started now.
+long LocalSecondsNow();
 
 // Polls the condition every few milliseconds for at most `seconds`.
 bool PollUntil(const std::function<bool()>& condition, double seconds);
