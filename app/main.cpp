@@ -26,6 +26,7 @@
 #include "core/PathError.h"
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
+#include "core/Watchdog.h"
 #include "executor/ExtractaExecutor.h"
 #include "views/ViewTypes.h"
 
@@ -108,6 +109,9 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");
+  // Forked while this is the only thread; before the handlers, so that the
+  // watchdog inherits none of them.
+  StartChildWatchdog();
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends

@@ -20,7 +20,7 @@
 // group is known to be gone, so that an interrupt of this program can end them
 // (core/Interrupt.h), and ending a tree leaves nothing of it behind, not even
 // a finished process waiting to be reaped. Where the system allows, a child
-// tree also ends when this program itself is killed.
+// tree also ends when this program itself is killed (core/Watchdog.h).
 //
 // On Linux a child is killed when the thread that created it ends, so that a
 // VelExtracta killed outright (SIGKILL, the out-of-memory killer) leaves no

@@ -7,6 +7,7 @@
 
 #include "core/AString.h"
 #include "core/Interrupt.h"
+#include "core/UsableThreads.h"
 #include "core/VelDebug.h"
 #include "core/ZipArchive.h"
 #include "process/ExtractaViewGenerator.h"
@@ -70,7 +71,7 @@ unsigned BackgroundPacker::DefaultThreads() {
   // The hardware threads the extracta processes leave, so that no extraction
   // waits for a processor; once the last one has ended the polling thread
   // joins in.
-  const unsigned hardware = std::thread::hardware_concurrency();
+  const unsigned hardware = VeltUsableThreads();
   const unsigned children = ExtractaViewGenerator::ConcurrencyLimitFor(hardware);
   return std::min(4u, std::max(1u, hardware > children ? hardware - children : 1u));
 }

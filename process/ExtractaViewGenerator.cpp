@@ -6,6 +6,7 @@
 
 #include "core/ExtractaParserException.h"
 #include "core/Interrupt.h"
+#include "core/UsableThreads.h"
 #include "core/VelDebug.h"
 #include "process/ExtractaCommandLine.h"
 #include "views/ExtractaViewControl.h"
@@ -71,7 +72,7 @@ uint32_t ExtractaViewGenerator::ConcurrencyLimitFor(unsigned hardwareThreads) {
 }
 
 uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
-  return ConcurrencyLimitFor(std::thread::hardware_concurrency());
+  return ConcurrencyLimitFor(VeltUsableThreads());
 }
 
 ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,

@@ -2,8 +2,8 @@
 // What process creation and the interrupt handler share: the table of live
 // child process groups that an interrupt ends (written by process creation
 // and reaping, read by the signal handler, which may run at any moment: a
-// fixed number of lock-free slots, no allocation), and the interrupt's wake-up
-// descriptor.
+// fixed number of lock-free slots, no allocation), the watchdog's news of
+// those groups, and the interrupt's wake-up descriptor.
 
 #include <sys/types.h>
 
@@ -19,6 +19,12 @@ void ReleaseChildGroup(int slot, pid_t group);
 
 // Sends the signal to every registered group. Async-signal-safe.
 void SignalChildGroups(int signal);
+
+// Tell the watchdog (core/Watchdog.h) that a child's process group started
+// (async-signal-safe: the child tells it itself, before its exec), or that it
+// is gone and its number may be reused. Nothing without a watchdog.
+void TellWatchdogGroupStarted(pid_t group);
+void TellWatchdogGroupGone(pid_t group);
 
 // A descriptor that becomes readable when an interrupt arrives, so that a
 // wait sleeping in poll() wakes whichever thread the signal went to; -1

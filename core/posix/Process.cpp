@@ -57,6 +57,7 @@ bool GroupGone(pid_t group) { return kill(-group, 0) != 0 && errno == ESRCH; }
 
 void ForgetGroup(ChildProcess& child) {
   velt_posix::ReleaseChildGroup(child.groupSlot, child.group);
+  velt_posix::TellWatchdogGroupGone(child.group);
   child.groupSlot = -1;
   child.groupMayLive = false;
 }
@@ -149,7 +150,12 @@ struct ChildSetup {
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) FailInChild(setup.errorReport);
   if (getppid() != setup.parent) _exit(127);
 #endif
-  if (setup.newProcessGroup && setpgid(0, 0) != 0) FailInChild(setup.errorReport);
+  if (setup.newProcessGroup) {
+    if (setpgid(0, 0) != 0) FailInChild(setup.errorReport);
+    // Told before the program runs, so that nothing it starts in its group
+    // can outlive a VelExtracta killed the moment after.
+    velt_posix::TellWatchdogGroupStarted(getpid());
+  }
   if (setup.directory >= 0 && fchdir(setup.directory) != 0) FailInChild(setup.errorReport);
 
   const int input = open(setup.inputPath, O_RDONLY);
@@ -291,6 +297,8 @@ int velt_system::StartProcess(const AString& applicationName, const AString* arg
       child->groupSlot = velt_posix::RegisterChildGroup(pid);
     }
   }
+  // A child that failed before its exec was reaped: its group is gone.
+  if (error != 0 && newProcessGroup && pid > 0) velt_posix::TellWatchdogGroupGone(pid);
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (directory >= 0) close(directory);
   if (error != 0) return error;

@@ -1,0 +1,18 @@
+#pragma once
+// The watchdog: ends the process groups of this program's children when the
+// program itself is killed outright (SIGKILL, the out-of-memory killer), so
+// that nothing an extracta started keeps running.
+//
+// A direct child dies with the thread that created it (core/Process.h); what
+// that child started in its process group does not. On POSIX a small process,
+// forked at start, learns every child's process group as it starts and when
+// it is gone; when this program ends without saying goodbye it kills every
+// group it still knows and exits. It holds none of the program's descriptors
+// (its standard streams are the null device), ignores SIGINT, SIGTERM and
+// SIGHUP (interrupts stay the program's to handle) and is waited for when
+// the program exits normally. On Windows the job objects end every child
+// tree already; there it does nothing.
+
+// Starts the watchdog. Call once at start, before any thread exists and before
+// any child starts; a watchdog that cannot be started is left out.
+void StartChildWatchdog();
