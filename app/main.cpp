@@ -23,6 +23,7 @@
 #include "core/AString.h"
 #include "core/File.h"
 #include "core/Interrupt.h"
+#include "core/Memory.h"
 #include "core/PathError.h"
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
@@ -112,6 +113,7 @@ int main(int argc, char** argv) {
   // Forked while this is the only thread; before the handlers, so that the
   // watchdog inherits none of them.
   StartChildWatchdog();
+  VeltReturnLargeBlocksAtOnce();
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends

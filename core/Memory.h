@@ -1,0 +1,11 @@
+#pragma once
+// The program's own memory. The packer's threads take and give back buffers
+// of a few megabytes for every segment of a view they compress; left to the
+// C library's defaults, such blocks are kept and split again inside each
+// thread's heap, so the program's peak memory crept up with the size of the
+// design. With this, large blocks are taken from the system and given back
+// the moment they are freed, and the peak stays the same from one design size
+// to the next.
+
+// Call once at start, before any thread exists.
+void VeltReturnLargeBlocksAtOnce();
