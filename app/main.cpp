@@ -11,7 +11,6 @@
 // clean-up as every other failure: the children ended, the working directory
 // removed, nothing delivered.
 
-#include <clocale>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -103,7 +102,9 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::setlocale(LC_ALL, "");
+  // No setlocale(): the program runs in the C locale on purpose. Narrow and
+  // wide text convert as UTF-8 in core, options fold ASCII case only, and
+  // numbers print with a point, whatever locale data a machine has.
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends
