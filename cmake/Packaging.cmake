@@ -27,6 +27,9 @@ elseif(VEL_STATIC)
   set(CPACK_RPM_PACKAGE_ARCHITECTURE x86_64)
   set(CPACK_RPM_PACKAGE_LICENSE MIT)
   set(CPACK_RPM_PACKAGE_GROUP "Applications/Engineering")
+  set(CPACK_RPM_PACKAGE_SUMMARY "Extracts text views of package designs through extracta")
+  set(CPACK_RPM_PACKAGE_VENDOR ${CPACK_PACKAGE_VENDOR})
+  set(CPACK_RPM_SPEC_MORE_DEFINE "%define packager ${CPACK_PACKAGE_CONTACT}")
   set(CPACK_RPM_PACKAGE_URL "https://velextracta.invalid/")
   set(CPACK_RPM_PACKAGE_DESCRIPTION
       "VelExtracta turns a package-substrate design into plain-text views by
