@@ -30,7 +30,6 @@ elseif(VEL_STATIC)
   set(CPACK_RPM_PACKAGE_SUMMARY "Extracts text views of package designs through extracta")
   set(CPACK_RPM_PACKAGE_VENDOR ${CPACK_PACKAGE_VENDOR})
   set(CPACK_RPM_SPEC_MORE_DEFINE "%define packager ${CPACK_PACKAGE_CONTACT}")
-  set(CPACK_RPM_PACKAGE_URL "https://velextracta.invalid/")
   set(CPACK_RPM_PACKAGE_DESCRIPTION
       "VelExtracta turns a package-substrate design into plain-text views by
 running the layout system's extraction tool extracta, several processes side
