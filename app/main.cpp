@@ -11,7 +11,6 @@
 // clean-up as every other failure: the children ended, the working directory
 // removed, nothing delivered.
 
-#include <clocale>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -109,7 +108,10 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::setlocale(LC_ALL, "");
+  // No setlocale(): the program runs in the C locale on purpose. Narrow and
+  // wide text convert as UTF-8 in core, options fold ASCII case only, and
+  // numbers print with a point, whatever locale data a machine has.
+  //
   // Forked while this is the only thread; before the handlers, so that the
   // watchdog inherits none of them.
   StartChildWatchdog();

@@ -17,6 +17,11 @@ if(WIN32)
 else()
   set(VEL_BIN_DIR ${CMAKE_INSTALL_BINDIR})
   set(VEL_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/velextracta)
+  # The portable release (tarball, RPM) carries the licences of everything
+  # linked into its programs, gathered by scripts/build-static.
+  if(VEL_STATIC AND VEL_STATIC_DEPS AND IS_DIRECTORY ${VEL_STATIC_DEPS}/licences)
+    install(DIRECTORY ${VEL_STATIC_DEPS}/licences/ DESTINATION ${VEL_DOC_DIR}/licences)
+  endif()
 endif()
 install(TARGETS VelExtracta extracta-sim make-design RUNTIME DESTINATION ${VEL_BIN_DIR})
 install(FILES README.md LICENSE DESTINATION ${VEL_DOC_DIR})
@@ -45,6 +50,7 @@ if(NOT WIN32)
   endforeach()
 
   # The Debian copyright file: the licence, in the machine-readable format.
+  # Debian's own files stay out of the portable release.
   file(STRINGS LICENSE vel_licence_lines)
   list(SUBLIST vel_licence_lines 4 -1 vel_licence_body)  # after the title and notice
   set(VEL_LICENCE_TEXT)
@@ -59,8 +65,10 @@ if(NOT WIN32)
   configure_file(cmake/debian/changelog.in ${CMAKE_BINARY_DIR}/debian/changelog @ONLY)
   vel_gzip(${CMAKE_BINARY_DIR}/debian/changelog ${CMAKE_BINARY_DIR}/debian/changelog.gz)
   list(APPEND vel_compressed ${CMAKE_BINARY_DIR}/debian/changelog.gz)
-  install(FILES ${CMAKE_BINARY_DIR}/debian/copyright ${CMAKE_BINARY_DIR}/debian/changelog.gz
-          DESTINATION ${VEL_DOC_DIR})
+  if(NOT VEL_STATIC)
+    install(FILES ${CMAKE_BINARY_DIR}/debian/copyright ${CMAKE_BINARY_DIR}/debian/changelog.gz
+            DESTINATION ${VEL_DOC_DIR})
+  endif()
 
   add_custom_target(vel_compressed_docs ALL DEPENDS ${vel_compressed})
 endif()

@@ -3,7 +3,6 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
-#include <cwctype>
 
 namespace {
 
@@ -273,12 +272,14 @@ void AString::Format(const wchar_t* format, ...) {
   va_end(args);
 }
 
+// Only ASCII letters fold: the texts matched this way are the program's
+// options, and the result must not depend on the locale a machine has (or
+// lacks), nor let a non-ASCII letter stand in for an option's letter.
 bool AString::MatchNoCase(const AString& other) const {
   if (text_.size() != other.text_.size()) return false;
+  const auto fold = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? c - L'A' + L'a' : c; };
   for (std::size_t i = 0; i < text_.size(); ++i) {
-    if (std::towlower(static_cast<wint_t>(text_[i])) !=
-        std::towlower(static_cast<wint_t>(other.text_[i])))
-      return false;
+    if (fold(text_[i]) != fold(other.text_[i])) return false;
   }
   return true;
 }

@@ -94,9 +94,12 @@ bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
     if (done == 0) return true;
     if (errno == EINTR) continue;
     // Not supported between these two files (another file system, a file
-    // system without the call): copy through this program instead. The
-    // input's position has not moved past what was written.
-    if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) break;
+    // system without the call, a kernel before 4.5, a container's filter
+    // answering EPERM): copy through this program instead. The input's
+    // position has not moved past what was written.
+    if (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP ||
+        errno == EPERM)
+      break;
     error_ = errno;
     return false;
   }
