@@ -73,14 +73,6 @@ ScopedEnv::~ScopedEnv() { SetEnv(name_, old_); }
 
 // Paths are UTF-8 text on both systems; the standard library reads narrow
 // paths in the system's code page unless told.
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(fs::u8path(path), std::ios::binary);
-  if (!in) throw std::runtime_error("cannot read " + path);
-  std::ostringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
 void WriteFile(const std::string& path, const std::string& bytes) {
   std::ofstream out(fs::u8path(path), std::ios::binary | std::ios::trunc);
   out << bytes;
@@ -93,6 +85,12 @@ std::string ReadIfAny(const std::string& path) {
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+std::string ReadFile(const std::string& path) {
+  if (!std::ifstream(fs::u8path(path), std::ios::binary))
+    throw std::runtime_error("cannot read " + path);
+  return ReadIfAny(path);
 }
 
 std::string WithoutCarriageReturns(const std::string& text) {
