@@ -11,7 +11,6 @@
 // with empty pieces dropped, and every piece handed back byte for byte (also
 // bytes that are not UTF-8).
 
-#include <clocale>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -84,12 +83,6 @@ void Check(bool holds, const char* what) {
 }
 
 }  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  // The program runs in the user's locale, which decides how case is folded.
-  std::setlocale(LC_ALL, "C.UTF-8");
-  return 0;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   std::vector<std::string> arguments;
