@@ -10,6 +10,7 @@
 
 #include "core/File.h"
 #include "core/SystemCalls.h"
+#include "core/ZipOutput.h"
 
 namespace {
 
@@ -208,16 +209,19 @@ void CZipArchive::Open(const std::string& path, int mode, long long volumeSize) 
   if (!VeltIsDirectory(AString(ParentDirectory(path))))
     throw CZipException("no directory to write the archive into: " + path);
 
-  int error = 0;
-  zip* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+  zip_error_t error;
+  zip_error_init(&error);
+  zip* archive = nullptr;
+  if (zip_source_t* file = CreateBufferedArchiveSource(path, &error)) {
+    archive = zip_open_from_source(file, ZIP_CREATE | ZIP_TRUNCATE, &error);
+    if (!archive) zip_source_free(file);
+  }
   if (!archive) {
-    zip_error_t detail;
-    zip_error_init_with_code(&detail, error);
-    const std::string message =
-        "cannot create archive " + path + ": " + zip_error_strerror(&detail);
-    zip_error_fini(&detail);
+    const std::string message = "cannot create archive " + path + ": " + zip_error_strerror(&error);
+    zip_error_fini(&error);
     throw CZipException(message);
   }
+  zip_error_fini(&error);
   archive_ = archive;
   path_ = path;
   entries_ = 0;
