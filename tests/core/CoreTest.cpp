@@ -22,12 +22,13 @@
 namespace {
 
 TEST(AStringTest, NarrowTextSurvivesTheRoundTripThroughWide) {
-  // UTF-8 of 2, 3 and 4 bytes becomes one wide character each.
+  // UTF-8 of 2, 3 and 4 bytes becomes one wide character each, on either
+  // side of the 2-byte limit too.
   const std::string utf8 =
       "Gr\xC3\xBC\xC3\x9F"
-      "e \xE2\x82\xAC \xF0\x9F\x98\x80";
+      "e \xE2\x82\xAC \xF0\x9F\x98\x80 \xDF\xBF\xE0\xA0\x80";
   const AString text(utf8);
-  EXPECT_EQ(text.wstr(), L"Gr\u00FC\u00DFe \u20AC \U0001F600");
+  EXPECT_EQ(text.wstr(), L"Gr\u00FC\u00DFe \u20AC \U0001F600 \u07FF\u0800");
   EXPECT_EQ(VEL_ANSI(text), utf8);
 
   // Bytes that are not UTF-8 (a stray high byte, a cut sequence, an overlong

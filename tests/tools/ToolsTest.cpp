@@ -85,14 +85,15 @@ class ExtractaSim : public ::testing::Test {
 
   // Writes the control text with CR LF line ends and runs extracta-sim as the
   // program does (quoted paths), one output per name, in the design's directory.
-  veltest::RunResult Run(const std::string& text, const List& outputs) {
+  veltest::RunResult Run(const std::string& text, const List& outputs, veltest::EnvMap env = {}) {
     std::string crlf;
     for (const char c : text) crlf += c == '\n' ? std::string("\r\n") : std::string(1, c);
     WriteFile(control, crlf);
     List argv = {veltest::BinPath("extracta-sim"), "-k", "-c", "-m"};
     for (const std::string& path : List{design, control}) argv.push_back("\"" + path + "\"");
     for (const std::string& name : outputs) argv.push_back("\"" + dir_ + "/" + name + "\"");
-    return veltest::RunProgram(argv, {"", {{"EXTRACTA_SIM_DATE", "Sat Nov 21 10:02:11 2026"}}});
+    env["EXTRACTA_SIM_DATE"] = "Sat Nov 21 10:02:11 2026";
+    return veltest::RunProgram(argv, {"", env});
   }
 
   veltest::TempDir dir;
@@ -182,6 +183,8 @@ TEST_F(ExtractaSim, FailsLikeTheRealTool) {
     // design is read while extracting).
     EXPECT_TRUE(!c.design.empty() || !veltest::PathExists(dir_ + "/out0.txt")) << c.message;
   }
+  // An injected failure ends with its own exit code.
+  EXPECT_EQ(Run(net, one, {{"EXTRACTA_SIM_FAIL", "7:ERROR: no license"}}).exitCode, 7);
 }
 
 using namespace veltest;
