@@ -20,6 +20,9 @@ class RunReports : public RunObserver {
   void childStarted(bool fromQueue) override {
     for (RunObserver* observer : observers_) observer->childStarted(fromQueue);
   }
+  void viewStarted(const ActiveView& view) override {
+    for (RunObserver* observer : observers_) observer->viewStarted(view);
+  }
   void childEnded() override {
     for (RunObserver* observer : observers_) observer->childEnded();
   }

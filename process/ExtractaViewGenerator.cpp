@@ -226,7 +226,10 @@ void ExtractaViewGenerator::startOrQueue() {
 void ExtractaViewGenerator::start() {
   processHandle =
       StartChildProcess(extractaExecutableName(), arguments, workingDir, pipe.WriteHandle());
-  if (observer) observer->childStarted(queued);
+  if (observer) {
+    observer->childStarted(queued);
+    observer->viewStarted(ActiveView{viewType, outputFile.FilePath()});
+  }
 }
 
 bool ExtractaViewGenerator::checkFinished() {
@@ -246,10 +249,11 @@ bool ExtractaViewGenerator::checkFinished() {
   return running;
 }
 
-ActiveView ExtractaViewGenerator::waitForViewFile() {
+ActiveView ExtractaViewGenerator::waitForViewFile(const std::function<void()>& check) {
   pool().waitWhile([this] { return pool().busy(*this); },
-                   [this](const Pool::Queue& running) {
+                   [this, &check](const Pool::Queue& running) {
                      if (observer) observer->waiting();
+                     if (check) check();
                      std::vector<VeltProcessHandle> children;
                      std::vector<VeltPipeHandle> pipes;
                      for (const ExtractaViewGenerator* generator : running) {

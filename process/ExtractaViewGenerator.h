@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "core/AString.h"
@@ -38,7 +39,9 @@ class ExtractaViewGenerator {
 
   // Blocks until this generator is neither queued nor running, driving the
   // pool meanwhile; returns the view type and the path of the view file.
-  ActiveView waitForViewFile();
+  // `check` (if any) runs on this thread after every look at the children and
+  // ends the wait by throwing; it must be quick.
+  ActiveView waitForViewFile(const std::function<void()>& check = nullptr);
 
   // Runs one extracta on a multi-view control file written by the caller and
   // waits for it, outside the pool. `views` names the output files in the
@@ -59,6 +62,8 @@ class ExtractaViewGenerator {
   static std::size_t runningCount() { return runningGenerators.size(); }
   static std::size_t waitingCount() { return waitingGenerators.size(); }
   VeltProcessHandle childProcess() const { return processHandle; }
+  // Where the child writes its view file.
+  AString outputPath() const { return outputFile.FilePath(); }
 
  private:
   friend class ChildPool<ExtractaViewGenerator>;

@@ -18,6 +18,8 @@ class RunObserver {
   virtual void childQueued() {}
   // A child started; `fromQueue` when it had waited for room first.
   virtual void childStarted(bool /*fromQueue*/) {}
+  // A child of the pool has started to write this view file, front to back.
+  virtual void viewStarted(const ActiveView& /*view*/) {}
   // A child ended with exit code 0 and was reaped.
   virtual void childEnded() {}
   // The view file of a child of the pool is complete and will not change.
