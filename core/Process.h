@@ -25,7 +25,11 @@
 // On Linux a child is killed when the thread that created it ends, so that a
 // VelExtracta killed outright (SIGKILL, the out-of-memory killer) leaves no
 // extractor running. Children must therefore be created from a thread that
-// outlives them: VelExtracta creates every child from its main thread.
+// outlives them: VelExtracta creates every child from its main thread. That
+// thread does nothing slow while children run (the merge and the packing
+// have threads of their own, which never create a process), so a slot that
+// frees is filled within one look at the children, and the rule costs no
+// time.
 
 #include <string>
 #include <vector>

@@ -25,6 +25,10 @@ class NetRecordCounts {
   NetRecordCounts& operator=(const NetRecordCounts&) = delete;
 
   void add(const std::string& net);
+  void clear() {
+    counts_.clear();
+    last_ = counts_.end();
+  }
   const std::map<std::string, uint64_t>& perNet() const { return counts_; }
 
  private:

@@ -20,8 +20,8 @@
 #include "core/ExtractaParserException.h"
 #include "core/LongFileName.h"
 #include "core/VelDebug.h"
+#include "executor/BackgroundMerge.h"
 #include "executor/BackgroundPacker.h"
-#include "executor/ConnectivityMerge.h"
 #include "executor/ConnectivitySplit.h"
 #include "executor/ExtractaExecutor.h"
 #include "executor/SurveyCount.h"
@@ -64,43 +64,56 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       {
         ExtractaViewGenerator survey(design, ExtractaViewDef::MakeNetListDef(nets), workingDir,
                                      generatorOption, AString(L"nets"), &reports);
-        const AString surveyFile = survey.waitForViewFile().path;
+        // Counted while extracta writes it: once the child has ended only the
+        // last part is left to read.
         NetRecordCounts counts;
-        const uint64_t records = CountSurvey(VEL_ANSI(surveyFile), counts);
+        SurveyCounter counting(VEL_ANSI(survey.outputPath()), counts);
+        counting.followAlongside();
+        survey.waitForViewFile();
+        const uint64_t records = counting.finish();
         VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
                  static_cast<int>(records));
         const SplitPlan plan = PlanSplit(RankNets(counts));
+
+        // The remainder takes every net not split, whatever the net selection:
+        // it excludes the split nets and selects nothing. It usually holds
+        // most of the records, so it starts first: its file is compressed
+        // while the split runs go on, instead of after the last child.
+        const GeneratorPtr remainder = boost::make_shared<ExtractaViewGenerator>(
+            design, ExtractaViewDef(kConn, plan.splitNets, true), workingDir, generatorOption,
+            AString(L"remainder"), &reports);
         for (const SplitRun& run : plan.runs) {
           connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
               design, ExtractaViewDef::MakeNetClassDef(run.net, run.classes), workingDir,
               generatorOption, run.name, &reports));
         }
-
-        // The remainder takes every net not split, whatever the net selection:
-        // it excludes the split nets and selects nothing.
-        connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
-            design, ExtractaViewDef(kConn, plan.splitNets, true), workingDir, generatorOption,
-            AString(L"remainder"), &reports));
+        connGenerators.push_back(remainder);
       }
 
+      // The pieces are merged in list order on a thread of their own, so that
+      // this thread only watches the children.
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
-      ConnectivityMerge merge(combinedPath);
+      BackgroundMerge merge(combinedPath, "createExtractaControlFileAndViewsMP ");
       std::vector<std::string> pieces;
-      for (const GeneratorPtr& generator : connGenerators) {
-        const AString piece = generator->waitForViewFile().path;
-        reports.step("merging connectivity");
-        try {
+      try {
+        for (const GeneratorPtr& generator : connGenerators) {
+          const AString piece =
+              generator->waitForViewFile([&merge] { merge.throwIfFailed(); }).path;
+          reports.step("merging connectivity");
           merge.add(piece);
-        } catch (const ExtractaParserException& failure) {
-          throw ExtractaParserException(std::string("createExtractaControlFileAndViewsMP ") +
-                                        failure.what());
+          pieces.push_back(VEL_ANSI(piece));
         }
-        pieces.push_back(VEL_ANSI(piece));
+        merge.finish();
+      } catch (const ExtractaParserException&) {
+        // A piece that failed to merge before another failure was seen is
+        // the run's failure, as it would be had the merge kept up.
+        if (merge.settle()) merge.throwIfFailed();
+        throw;
       }
       if (packer) packer->combinedFrom(VEL_ANSI(combinedPath), pieces);
       VelDebug(2, L"createExtractaControlFileAndViewsMP merged %d files, %lld bytes in %lld us\n",
-               merge.filesAdded(), static_cast<long long>(merge.bytesWritten()),
-               static_cast<long long>(merge.microseconds()));
+               merge.merge().filesAdded(), static_cast<long long>(merge.merge().bytesWritten()),
+               static_cast<long long>(merge.merge().microseconds()));
       activeViews.push_back(ActiveView{kConn, combinedPath});
     }
 

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,7 +18,7 @@
 
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
-#include "executor/ConnectivityMerge.h"
+#include "executor/BackgroundMerge.h"
 #include "executor/ConnectivitySplit.h"
 #include "executor/SurveyCount.h"
 #include "process/ExtractaViewGenerator.h"
@@ -27,18 +30,19 @@ namespace {
 using namespace veltest;
 
 // The control file names the default run must start, in start order, for the
-// split nets' sanitised names.
+// split nets' sanitised names: the remainder, usually the largest piece, ahead
+// of the split runs.
 std::vector<std::string> ExpectedControlFiles(const std::vector<std::string>& splitNets) {
   std::vector<std::string> names;
   for (const std::string& view : kOtherStandardViews)
     names.push_back("extracta_control_" + view + ".txt");
   names.push_back("extracta_control_connnets.txt");
+  names.push_back("extracta_control_connremainder.txt");
   for (std::size_t i = 0; i < splitNets.size(); ++i) {
     for (const char* group : {"CONDUCTOR_ETCH", "PIN", "VIA_CLASS"})
       names.push_back("extracta_control_conn" + std::to_string(i) + "_" + splitNets[i] + "_" +
                       group + ".txt");
   }
-  names.push_back("extracta_control_connremainder.txt");
   return names;
 }
 
@@ -59,25 +63,29 @@ void ExpectStarted(const KeptRun& run, std::vector<std::string> expected) {
 }
 
 // The merge's contract: the first piece's header, then every piece's records
-// in generator order (the runs queued after the survey), and the same records
-// one plain connectivity run finds.
+// in generator order (the split runs in the order queued after the survey and
+// the remainder, queued first, last), and the same records one plain
+// connectivity run finds.
 void ExpectMergedFromPieces(const KeptRun& run, const std::vector<std::string>& controls,
                             const std::string& design, const std::string& scratch) {
   const auto survey = std::find(controls.begin(), controls.end(), "extracta_control_connnets.txt");
   ASSERT_NE(survey, controls.end());
+  std::vector<std::string> merged(survey + 1, controls.end());
+  std::rotate(merged.begin(), merged.begin() + 1, merged.end());
+  ASSERT_EQ(merged.back(), "extracta_control_connremainder.txt");
   std::string header, bodies;
-  for (auto control = survey + 1; control != controls.end(); ++control) {
+  for (auto control = merged.begin(); control != merged.end(); ++control) {
     const std::string piece =
         ReadFile(run.workDir + control->substr(std::string("extracta_control_").size()));
     if (header.empty()) header = SplitHeader(piece).header;
     bodies += SplitHeader(piece).body;
   }
-  const std::string merged = ReadFile(run.workDir + "conn.txt");
-  EXPECT_EQ(SplitHeader(merged).header, header);
-  EXPECT_EQ(SplitHeader(merged).body, bodies);
+  const std::string combined = ReadFile(run.workDir + "conn.txt");
+  EXPECT_EQ(SplitHeader(combined).header, header);
+  EXPECT_EQ(SplitHeader(combined).body, bodies);
   const std::string plain = PlainConnectivity(design, scratch);
-  EXPECT_EQ(SortedRecords(merged), SortedRecords(plain));
-  EXPECT_EQ(Lines(merged).at(0), Lines(plain).at(0));
+  EXPECT_EQ(SortedRecords(combined), SortedRecords(plain));
+  EXPECT_EQ(Lines(combined).at(0), Lines(plain).at(0));
 }
 
 // Designs whose connectivity table is written by hand, so that which nets are
@@ -185,17 +193,34 @@ TEST(ConnectivitySplitTest, SurveyCountsEveryNetOrNamesWhatBreaksIt) {
        path +
            " parsing failed to parse whole file after successfully parsing the first 1 S records"},
   };
+  const auto outcomeOf = [](const std::function<uint64_t()>& count, NetRecordCounts& counts) {
+    try {
+      std::string outcome = std::to_string(count()) + ":";
+      for (const auto& [net, n] : counts.perNet()) outcome += net + "=" + std::to_string(n) + ";";
+      return outcome;
+    } catch (const ExtractaParserException& e) {
+      return std::string(e.what());
+    }
+  };
   for (const auto& c : cases) {
     WriteFile(path, c.survey);
-    NetRecordCounts counts;
-    std::string outcome;
-    try {
-      outcome = std::to_string(CountSurvey(path, counts)) + ":";
-      for (const auto& [net, n] : counts.perNet()) outcome += net + "=" + std::to_string(n) + ";";
-    } catch (const ExtractaParserException& e) {
-      outcome = e.what();
+    NetRecordCounts whole;
+    EXPECT_EQ(outcomeOf([&] { return CountSurvey(path, whole); }, whole), c.outcome) << c.survey;
+
+    // Counted while it is written, a few bytes at a look from before the file
+    // exists: the same outcome, and a broken text fails only at the end.
+    std::remove(path.c_str());
+    NetRecordCounts followed;
+    SurveyCounter counter(path, followed);
+    counter.follow();
+    {
+      std::ofstream growing(path, std::ios::binary);
+      for (std::size_t at = 0; at < c.survey.size(); at += 5) {
+        growing << c.survey.substr(at, 5) << std::flush;
+        EXPECT_NO_THROW(counter.follow());
+      }
     }
-    EXPECT_EQ(outcome, c.outcome) << c.survey;
+    EXPECT_EQ(outcomeOf([&] { return counter.finish(); }, followed), c.outcome) << c.survey;
   }
 }
 
@@ -203,9 +228,10 @@ TEST(ConnectivitySplitTest, SurveyCountsEveryNetOrNamesWhatBreaksIt) {
 // each ended in CR LF also where the piece cut it short or ended it in a bare
 // LF, then every piece after its header byte for byte, through the kernel's
 // copy or, where the kernel cannot copy between the files (another file
-// system), through the merge's own buffer. A failure names its piece; "@"
-// stands for the directory, and a directory stands in the way of a piece or
-// of the combined file where one is named.
+// system), through the merge's own buffer, on the merge's own thread. A
+// failure names its piece, and nothing after it is merged; "@" stands for the
+// directory, and a directory stands in the way of a piece or of the combined
+// file where one is named.
 TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
   std::string large = "A!NET_NAME!\r\nJ!x!\r\n";
   while (large.size() < (64 << 10)) large += "S!GND!\r\n";
@@ -222,19 +248,19 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
       {{"A!N!\r\n", next}, 0, "", "A!N!\r\n\r\nS!VDD!\r\n"},
       {{"A!N!\r\nJ!x", next}, 0, "", "A!N!\r\nJ!x\r\nS!VDD!\r\n"},
       {{"A!N!\nJ!x!\nS!1!\n", next}, 0, "", "A!N!\r\nJ!x!\r\nS!1!\nS!VDD!\r\n"},
-      {{next, ""}, 0, "", "failed to open file @p1.txt"},
+      {{next, "", next}, 0, "", "MP failed to open file @p1.txt"},
       // POSIX opens a directory for reading, and the read fails; Windows does not.
       {{next, ""},
        0,
        "p1.txt",
-       std::string(kOnWindows ? "failed to open" : "missing header in") + " file @p1.txt"},
-      {{next}, 0, "conn.txt", "error adding @p0.txt to combined connectivity file"},
+       std::string(kOnWindows ? "MP failed to open" : "MP missing header in") + " file @p1.txt"},
+      {{next}, 0, "conn.txt", "MP error adding @p0.txt to combined connectivity file"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.combined.substr(0, 40));
     TempDir dir;
     if (*c.inTheWay) MakeDirectory(dir / c.inTheWay);
-    ConnectivityMerge merge(AString(dir / "conn.txt"));
+    BackgroundMerge merge(AString(dir / "conn.txt"), "MP ");
     std::string failure;
     SetKernelCopyError(c.kernelError);
     try {
@@ -243,6 +269,7 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
         if (!c.pieces[i].empty()) WriteFile(piece, c.pieces[i]);
         merge.add(AString(piece));
       }
+      merge.finish();
     } catch (const ExtractaParserException& error) {
       failure = error.what();
       failure.replace(failure.find(dir.path()), dir.path().size() + 1, "@");
@@ -254,8 +281,8 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
     }
     EXPECT_EQ(failure, "");
     EXPECT_EQ(ReadFile(dir / "conn.txt"), c.combined);
-    EXPECT_EQ(merge.filesAdded(), static_cast<int>(c.pieces.size()));
-    EXPECT_EQ(merge.bytesWritten(), c.combined.size());
+    EXPECT_EQ(merge.merge().filesAdded(), static_cast<int>(c.pieces.size()));
+    EXPECT_EQ(merge.merge().bytesWritten(), c.combined.size());
   }
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -33,7 +34,12 @@ std::string MessageOf(const std::function<void()>& read) {
   }
 }
 
-TEST(ViewFileParser, FailuresCountTheRowsReadAndNameTheFile) {
+// The whole-file reader's failures count the records read and name the file
+// (where a message is given), and the record-by-record reader, on every text
+// fed in pieces of several sizes (down to a byte, so that every place a piece
+// can end is met), gives the same records, header and J record, or the same
+// failure. Files are read in binary, every byte kept.
+TEST(ViewFileParser, RecordByRecordReadsAsTheWholeFile) {
   veltest::TempDir dir;
   const std::string path = dir / "conn pieces ü.txt";
   const std::string failed = path + " parsing failed after successfully parsing the first ";
@@ -41,60 +47,31 @@ TEST(ViewFileParser, FailuresCountTheRowsReadAndNameTheFile) {
                              " parsing failed to parse whole file after successfully "
                              "parsing the first ";
   const struct {
-    std::string text, message;
+    std::string text;
+    std::optional<std::string> message;
   } cases[] = {
-      {"A!NET_NAME!\r\nJ!x\r\n\r\nS!\0\xff\r!\r\n"s, ""},  // read in binary, every byte kept
-      {"", failed + "0 S records"},
-      {"A!NET_NAME!\r\nS!GND!\r\n", failed + "0 S records"},
-      {"A!NET_NAME!\nJ!x!\nS!GND!\n", failed + "0 S records"},
+      {"A!NET_NAME!\r\nJ!x\r\n\r\nS!\0\xff\r!\r\nS!b!\r\n"s, ""},
+      {"A!NET_NAME!\r\n\r\nJ!x!\r\nS!a\r\n\r\n\r\nS!b!c", std::nullopt},
       {"A!N!\r\nJ!x!\r\nS!a!\r\nS!b!\r\n\r\nS!c!\r\nT!d!\r\nS!e!\r\n", partly + "3 S records"},
       {"A!N!\r\nJ!x!\r\nS!a!\r\n\n", partly + "1 S records"},
+      {"A!N!\r\nJ!x!\r\nS!a!\r\n\rS!b!\r\n", std::nullopt},
+      {"A!N!\r\nJ!x!\r\nS!a!\r\nS", std::nullopt},
+      {"A!N!\r\nJ!x!\r\nS!a\nS!b\r\n", std::nullopt},
+      {"A!N!\r\nJ!x!\r\n", std::nullopt},
+      {"A!N!\r\nJ!x!", std::nullopt},
+      {"A!N!\r\nS!GND!\r\n", failed + "0 S records"},
+      {"A!N!\r\n\rJ!x!\r\nS!a\r\n", std::nullopt},
+      {"A!NET_NAME!\nJ!x!\nS!GND!\n", failed + "0 S records"},
+      {"J!x!\r\nS!a!\r\n", std::nullopt},
+      {"", failed + "0 S records"},
   };
-  for (const auto& c : cases) {
-    veltest::WriteFile(path, c.text);
-    ExtractaViewData data;
-    EXPECT_EQ(MessageOf([&] { readViewFile(path, data); }), c.message) << c.text;
-    if (c.message.empty()) {
-      EXPECT_THAT(data.sRecords(), ElementsAre(ElementsAre("\0\xff\r"s, "")));
-    }
-  }
-  ExtractaViewData data;
-  // The system's reason follows the path, for the whole-file reader and the
-  // record-by-record one alike.
-  for (const std::string& path : {dir / "missing.txt", dir.path()}) {
-    const std::string cannotOpen = "Could not open file: " + path + " (";
-    EXPECT_THAT(MessageOf([&] { readViewFile(path, data); }), StartsWith(cannotOpen));
-    ViewFileScanner scanner(path, nullptr);
-    EXPECT_THAT(MessageOf([&] { scanViewFile(path, scanner); }), StartsWith(cannotOpen));
-  }
-}
-
-// The record-by-record reader against the whole-file one, on every text fed
-// in pieces of several sizes (down to a byte, so that every place a piece can
-// end is met): the same records, header and J record, or the same failure.
-TEST(ViewFileParser, RecordByRecordReadsAsTheWholeFile) {
-  veltest::TempDir dir;
-  const std::string path = dir / "survey.txt";
-  const std::string texts[] = {
-      "A!NET_NAME!\r\nJ!x\r\n\r\nS!\0\xff\r!\r\nS!b!\r\n"s,
-      "A!NET_NAME!\r\n\r\nJ!x!\r\nS!a\r\n\r\n\r\nS!b!c",
-      "A!N!\r\nJ!x!\r\nS!a!\r\nS!b!\r\n\r\nS!c!\r\nT!d!\r\nS!e!\r\n",
-      "A!N!\r\nJ!x!\r\nS!a!\r\n\n",
-      "A!N!\r\nJ!x!\r\nS!a!\r\n\rS!b!\r\n",
-      "A!N!\r\nJ!x!\r\nS!a!\r\nS",
-      "A!N!\r\nJ!x!\r\nS!a\nS!b\r\n",
-      "A!N!\r\nJ!x!\r\n",
-      "A!N!\r\nJ!x!",
-      "A!N!\r\nS!GND!\r\n",
-      "A!N!\r\n\rJ!x!\r\nS!a\r\n",
-      "A!NET_NAME!\nJ!x!\nS!GND!\n",
-      "J!x!\r\nS!a!\r\n",
-      "",
-  };
-  for (const std::string& text : texts) {
+  for (const auto& [text, message] : cases) {
     veltest::WriteFile(path, text);
     ExtractaViewData whole;
     const std::string expected = MessageOf([&] { readViewFile(path, whole); });
+    EXPECT_EQ(expected, message.value_or(expected)) << text;
+    EXPECT_TRUE(&text != &cases[0].text ||
+                whole.sRecords().at(0) == (ExtractaViewData::Row{"\0\xff\r"s, ""}));
     for (const std::size_t piece : {std::size_t{1}, std::size_t{3}, text.size() + 1}) {
       SCOPED_TRACE(::testing::Message() << text << " in pieces of " << piece);
       ExtractaViewData::Rows rows;
@@ -111,6 +88,21 @@ TEST(ViewFileParser, RecordByRecordReadsAsTheWholeFile) {
       EXPECT_EQ(scanner.header().columns(), whole.columns());
       EXPECT_EQ(scanner.header().jRecord(), whole.jRecord());
     }
+  }
+  // A record is handed over as soon as the byte after its line end shows it
+  // ended, also when that byte begins the next piece.
+  ViewFileScanner prompt(path, nullptr);
+  prompt.feed("A!N!\r\nJ!x!\r\nS!a!\r\n", 18);
+  prompt.feed("S", 1);
+  EXPECT_EQ(prompt.records(), 1u);
+  ExtractaViewData data;
+  // The system's reason follows the path, for the whole-file reader and the
+  // record-by-record one alike.
+  for (const std::string& path : {dir / "missing.txt", dir.path()}) {
+    const std::string cannotOpen = "Could not open file: " + path + " (";
+    EXPECT_THAT(MessageOf([&] { readViewFile(path, data); }), StartsWith(cannotOpen));
+    ViewFileScanner scanner(path, nullptr);
+    EXPECT_THAT(MessageOf([&] { scanViewFile(path, scanner); }), StartsWith(cannotOpen));
   }
 }
 
