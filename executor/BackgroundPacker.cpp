@@ -7,6 +7,7 @@
 
 #include "core/AString.h"
 #include "core/Interrupt.h"
+#include "core/ThreadPriority.h"
 #include "core/UsableThreads.h"
 #include "core/VelDebug.h"
 #include "core/ZipArchive.h"
@@ -21,6 +22,9 @@ constexpr int kHeaderLines = 2;
 // The header written into the combined file is a few hundred bytes; one
 // segment of it is plenty.
 constexpr std::size_t kMaxCombinedHeader = 1 << 20;
+
+// How far into a file being written its header is looked for.
+constexpr std::size_t kHeaderLook = 64 << 10;
 
 // What tells a file rewritten after it was deflated: its size and its time
 // of last change, to the file system's full resolution.
@@ -42,12 +46,19 @@ FileState StateOf(const std::string& path) {
 
 struct BackgroundPacker::Job {
   std::string path;
-  FileState state{};
+  FileState state{};  // once its child has ended
   std::size_t headerSegments = 0;
   std::vector<DeflateSegment> segments;
   std::size_t pending = 0;
+  bool ended = true;  // its child has ended (false while a followed file grows)
   bool complete = false;
   bool failed = false;
+  // A followed file: where its header ends once both lines are there, and
+  // the bytes divided into segments so far.
+  bool headerKnown = false;
+  uint64_t headerEnd = 0;
+  uint64_t divided = 0;
+  bool watched = true;  // false once its header proved too long to wait for
 };
 
 BackgroundPacker::BackgroundPacker(unsigned threads, std::size_t memoryBudget)
@@ -80,7 +91,32 @@ std::string BackgroundPacker::Key(const std::string& path) {
   return std::filesystem::u8path(path).filename().u8string();
 }
 
+void BackgroundPacker::viewStarted(const std::string& path) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::unique_ptr<Job>& job = jobs_[Key(path)];
+  if (job) return;
+  job.reset(new Job);
+  job->path = path;
+  job->ended = false;
+  following_.push_back(job.get());
+}
+
+void BackgroundPacker::viewStarted(const ActiveView& view) { viewStarted(VEL_ANSI(view.path)); }
+
+void BackgroundPacker::waiting() {
+  for (Job* job : following_)
+    if (job->watched) follow(*job, false);
+}
+
 void BackgroundPacker::viewFinished(const std::string& path) {
+  const auto followed = std::find_if(following_.begin(), following_.end(),
+                                     [&](const Job* job) { return Key(job->path) == Key(path); });
+  if (followed != following_.end()) {
+    Job& job = **followed;
+    following_.erase(followed);
+    follow(job, true);
+    return;
+  }
   {
     std::lock_guard<std::mutex> lock(mutex_);
     std::unique_ptr<Job>& job = jobs_[Key(path)];
@@ -102,6 +138,7 @@ void BackgroundPacker::combinedFrom(const std::string& combined,
 }
 
 void BackgroundPacker::work() {
+  VeltLowerThisThreadsPriority();
   std::unique_ptr<SegmentDeflater> deflater;
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
@@ -146,25 +183,31 @@ void BackgroundPacker::run(const Task& task, SegmentDeflater& deflater) {
   done(job, false);
 }
 
-// Divides a file into its header's segments and its body's. The first segment
-// of each part is compressed without the bytes before it: a body follows its
-// own header in the piece's entry but another piece's body in the combined
-// file. Later segments of a part may refer back into the part.
+// Appends the tasks for [from, to) of a part that begins at `part`: whole
+// segments only, unless `last`. `from` moves past what was divided. The
+// first segment of each part is compressed without the bytes before it: a
+// body follows its own header in the piece's entry but another piece's body
+// in the combined file. Later segments of a part may refer back into it.
+void BackgroundPacker::divide(Job& job, uint64_t part, uint64_t& from, uint64_t to, bool last,
+                              std::vector<Task>& tasks) {
+  while (from < to && (last || to - from >= kSegmentBytes)) {
+    const std::size_t length =
+        static_cast<std::size_t>(std::min<uint64_t>(kSegmentBytes, to - from));
+    tasks.push_back(Task{&job, job.segments.size() + tasks.size(), from, length,
+                         static_cast<std::size_t>(std::min<uint64_t>(from - part, 32 << 10))});
+    from += length;
+  }
+}
+
+// Divides a finished file into its header's segments and its body's.
 void BackgroundPacker::plan(Job& job) {
   job.state = StateOf(job.path);
-  const uint64_t headerEnd = OffsetAfterLines(job.path, kHeaderLines);
+  const uint64_t headerEnd = std::min(OffsetAfterLines(job.path, kHeaderLines), job.state.size);
   std::vector<Task> tasks;
-  const auto divide = [&](uint64_t begin, uint64_t end) {
-    for (uint64_t offset = begin; offset < end; offset += kSegmentBytes) {
-      const std::size_t length =
-          static_cast<std::size_t>(std::min<uint64_t>(kSegmentBytes, end - offset));
-      tasks.push_back(Task{&job, tasks.size(), offset, length,
-                           static_cast<std::size_t>(std::min<uint64_t>(offset - begin, 32 << 10))});
-    }
-  };
-  divide(0, std::min(headerEnd, job.state.size));
+  uint64_t divided = 0;
+  divide(job, 0, divided, headerEnd, true, tasks);
   const std::size_t headerSegments = tasks.size();
-  divide(std::min(headerEnd, job.state.size), job.state.size);
+  divide(job, headerEnd, divided, job.state.size, true, tasks);
 
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -178,10 +221,76 @@ void BackgroundPacker::plan(Job& job) {
   wake_.notify_all();
 }
 
+// Runs on the polling thread. While the child writes, a look that fails (the
+// file not there yet, a read cut short) is tried again at the next one.
+void BackgroundPacker::follow(Job& job, bool ended) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (job.failed) return;  // goes to the zip writer whatever follows
+  }
+  std::vector<Task> tasks;
+  std::size_t headerSegments = job.headerSegments;
+  try {
+    uint64_t size = 0;
+    if (ended) {
+      job.state = StateOf(job.path);
+      size = job.state.size;
+    } else {
+      std::error_code error;
+      size = std::filesystem::file_size(std::filesystem::u8path(job.path), error);
+      if (error || size == 0) return;
+    }
+    if (!job.headerKnown) {
+      if (ended) {
+        job.headerEnd = std::min(OffsetAfterLines(job.path, kHeaderLines), size);
+      } else {
+        const std::string start = ReadFileRange(
+            job.path, 0, static_cast<std::size_t>(std::min<uint64_t>(size, kHeaderLook)));
+        std::size_t after = 0;  // past the last line end found
+        int lines = 0;
+        for (std::size_t end;
+             lines < kHeaderLines && (end = start.find('\n', after)) != std::string::npos; ++lines)
+          after = end + 1;
+        if (lines < kHeaderLines) {
+          // A header this long is divided once the file is finished.
+          if (start.size() >= kHeaderLook) job.watched = false;
+          return;
+        }
+        job.headerEnd = after;
+      }
+      job.headerKnown = true;
+      divide(job, 0, job.divided, job.headerEnd, true, tasks);
+      headerSegments = tasks.size();
+    }
+    // A file that shrank was not written front to back.
+    if (size < job.divided) throw std::runtime_error("the file shrank while it was written");
+    divide(job, job.headerEnd, job.divided, size, ended, tasks);
+  } catch (const std::exception& failure) {
+    if (!ended && tasks.empty()) return;
+    VelDebug(1, L"BackgroundPacker: %s\n", AString(failure.what()).c_str());
+    job.watched = false;
+    std::lock_guard<std::mutex> lock(mutex_);
+    done(job, true);
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    job.headerSegments = headerSegments;
+    job.segments.resize(job.segments.size() + tasks.size());
+    job.pending += tasks.size();
+    if (ended) {
+      job.ended = true;
+      if (job.pending == 0) job.complete = true;
+    }
+    tasks_.insert(tasks_.end(), tasks.begin(), tasks.end());
+  }
+  wake_.notify_all();
+}
+
 void BackgroundPacker::done(Job& job, bool failed) {
   job.failed = job.failed || failed;
   if (job.pending > 0) --job.pending;
-  if (job.pending == 0 || failed) job.complete = true;
+  if ((job.pending == 0 && job.ended) || failed) job.complete = true;
 }
 
 bool BackgroundPacker::finish() {

@@ -27,8 +27,12 @@
 
 class CZipArchive;
 
-// Follows a run as one of its observers: each view file a child of the pool
-// finishes is deflated at once.
+// Follows a run as one of its observers: a view file is deflated while its
+// child writes it, a segment as soon as the child has written past its end,
+// and the rest once the child has ended. extracta writes its files front to
+// back and never goes back, so a segment read early holds the final bytes;
+// a file that shrank, or changed after its child ended, is compressed by the
+// zip writer instead.
 class BackgroundPacker : public RunObserver {
  public:
   // Compressed data beyond this waits in a temporary file.
@@ -47,6 +51,11 @@ class BackgroundPacker : public RunObserver {
   // The hardware threads the extracta processes leave: at least 1, at most 4.
   static unsigned DefaultThreads();
 
+  // A child has begun to write the view file at `path` (narrow).
+  void viewStarted(const std::string& path);
+  void viewStarted(const ActiveView& view) override;
+  // Looks at the files being written: each pass of a wait.
+  void waiting() override;
   // A view file (narrow path) is complete and will not change.
   void viewFinished(const std::string& path);
   void viewFinished(const ActiveView& view) override;
@@ -76,6 +85,11 @@ class BackgroundPacker : public RunObserver {
   void runNext(std::unique_lock<std::mutex>& lock, std::unique_ptr<SegmentDeflater>& deflater);
   void run(const Task& task, SegmentDeflater& deflater);
   void plan(Job& job);
+  // Queues the segments of a followed file written so far; all that is left
+  // once `ended`.
+  void follow(Job& job, bool ended);
+  void divide(Job& job, uint64_t part, uint64_t& from, uint64_t to, bool last,
+              std::vector<Task>& tasks);
   void done(Job& job, bool failed);
   void buildCombined();
   static std::string Key(const std::string& path);
@@ -88,6 +102,7 @@ class BackgroundPacker : public RunObserver {
   std::size_t active_ = 0;
   bool stopping_ = false;
   std::map<std::string, std::unique_ptr<Job>> jobs_;  // by file name
+  std::vector<Job*> following_;                       // the polling thread's own
   std::string combined_;
   std::vector<std::string> pieces_;
   std::vector<std::thread> threads_;

@@ -5,6 +5,7 @@
 // tests/faults).
 
 #include <ctime>
+#include <fstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -106,9 +107,8 @@ TEST_F(ExecutorTest, PackagingTakesTheExactExtensionAndAMoveReplaces) {
   EXPECT_EQ(ListDir(work), (std::vector<std::string>{"README", "added.csv", "extra", "notes.TXT"}));
 }
 
-// Whether an entry's data ends as joined segments end: a sync flush's empty
-// stored block, then the final block. The zip writer's own deflate does not.
-bool JoinedSegments(const std::string& path, const std::string& name) {
+// An entry's compressed bytes.
+std::string RawEntry(const std::string& path, const std::string& name) {
   int error = 0;
   zip_t* archive = zip_open(path.c_str(), ZIP_RDONLY, &error);
   zip_stat_t st;
@@ -118,6 +118,13 @@ bool JoinedSegments(const std::string& path, const std::string& name) {
   zip_fread(file, raw.data(), raw.size());
   zip_fclose(file);
   zip_close(archive);
+  return raw;
+}
+
+// Whether an entry's data ends as joined segments end: a sync flush's empty
+// stored block, then the final block. The zip writer's own deflate does not.
+bool JoinedSegments(const std::string& path, const std::string& name) {
+  const std::string raw = RawEntry(path, name);
   const std::string end("\0\0\xff\xff\x03\0", 6);
   return raw.size() >= end.size() && raw.compare(raw.size() - end.size(), end.size(), end) == 0;
 }
@@ -127,7 +134,9 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
   // the combined file of their bodies are deflated ahead; a view changed after
   // it was handed over, and a file never handed over, are deflated by the zip
   // writer. Either way every entry holds the file's bytes, in memory or with
-  // everything spilled to the temporary file.
+  // everything spilled to the temporary file. The large piece is deflated
+  // while it is written, a few bytes first, and comes out as the same bytes
+  // handed over finished do.
   std::string large = "A!NET_NAME!PIN!\r\nJ!pkg.mcm!x!\r\n";
   for (int i = 0; large.size() < 5 * BackgroundPacker::kSegmentBytes / 2; ++i)
     large += "S!GND!P" + std::to_string(i) + "!\r\n";
@@ -142,12 +151,23 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
     std::vector<std::string> piecePaths;
     BackgroundPacker packer(2, budget);
     for (const auto& [name, bytes] : pieces) {
-      WriteFile(dir / name, bytes);
+      if (name == "conn0_GND.txt") {
+        packer.viewStarted(dir / name);
+        std::ofstream growing(dir / name, std::ios::binary);
+        for (std::size_t at = 0, step = 10; at < bytes.size(); at += step, step = 600 << 10) {
+          growing << bytes.substr(at, step) << std::flush;
+          packer.waiting();
+        }
+      } else {
+        WriteFile(dir / name, bytes);
+      }
       piecePaths.push_back(dir / name);
       packer.viewFinished(dir / name);
       const std::size_t second = bytes.find('\n', bytes.find('\n') + 1);
       if (second != std::string::npos) combined += bytes.substr(second + 1);
     }
+    WriteFile(dir / "conn9_twin.txt", large);
+    packer.viewFinished(dir / "conn9_twin.txt");
     WriteFile(dir / "conn.txt", combined);
     packer.combinedFrom(dir / "conn.txt", piecePaths);
     WriteFile(dir / "layer.txt", "A!LAYER!\r\nJ!pkg.mcm!x!\r\nS!TOP!\r\n");
@@ -171,6 +191,8 @@ TEST(BackgroundPackerTest, EveryFileReadsBackAsItIsWhetherDeflatedAheadOrNot) {
       EXPECT_EQ(entries.at(entry).data, ReadFile(dir / name)) << name;
       EXPECT_EQ(JoinedSegments(out, entry), name.rfind("conn", 0) == 0) << name;
     }
+    EXPECT_EQ(RawEntry(out, WithoutRoot(dir / "conn0_GND.txt")),
+              RawEntry(out, WithoutRoot(dir / "conn9_twin.txt")));
   }
 }
 
