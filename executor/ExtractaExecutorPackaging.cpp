@@ -4,9 +4,13 @@
 // views: whatever the run left there under the filter is delivered.
 
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "core/File.h"
 #include "core/PathError.h"
@@ -38,6 +42,34 @@ bool PassesFilter(const fs::path& entry, const AString& filterExtension) {
 }
 
 bool Exists(const fs::file_status& status) { return fs::exists(status); }
+
+// Removes the view files packed ahead on a thread of its own while the
+// archive is written: the zip writer takes their entries from the compressed
+// data and does not read them again, and removing a large design's views
+// takes about as long as writing its archive. The working directory goes
+// after packing anyway, succeeded or not; one that is kept
+// (VELTAR_EXTRACTA_DEBUG) keeps them.
+class RemovalAlongside {
+ public:
+  explicit RemovalAlongside(std::vector<fs::path> files) : files_(std::move(files)) {
+    if (files_.empty() || std::getenv("VELTAR_EXTRACTA_DEBUG")) return;
+    thread_ = std::thread([this] {
+      for (const fs::path& file : files_) {
+        std::error_code ignored;  // whatever stays goes with the directory
+        fs::remove(file, ignored);
+      }
+    });
+  }
+  ~RemovalAlongside() {
+    if (thread_.joinable()) thread_.join();
+  }
+  RemovalAlongside(const RemovalAlongside&) = delete;
+  RemovalAlongside& operator=(const RemovalAlongside&) = delete;
+
+ private:
+  const std::vector<fs::path> files_;
+  std::thread thread_;
+};
 
 // The reason of the exception being handled, for the trace line of a failure
 // whose own message is fixed.
@@ -103,16 +135,21 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
     // An interrupt while the last views are deflated packs nothing.
     if (packer && !packer->finish()) throw CZipException("interrupted");
     const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
+    std::vector<fs::path> packedAhead;
     if (Exists(fs::status(workingpath))) {
       for (fs::directory_iterator it(workingpath), end; it != end; ++it) {
         if (!PassesFilter(it->path(), filterExtension)) continue;
-        if (packer && packer->addTo(archive, it->path().u8string(), true)) continue;
+        if (packer && packer->addTo(archive, it->path().u8string(), true)) {
+          packedAhead.push_back(it->path());
+          continue;
+        }
         archive.AddNewFile(it->path().u8string(), CZipArchive::kDefaultLevel, true, 7, 65536);
       }
     }
     // The zip writer reads and compresses the files while it closes, so a
     // file that cannot be read or an archive that cannot be written (a full
     // disk) fails here and counts as a failure to pack.
+    const RemovalAlongside removal(std::move(packedAhead));
     archive.Close(0, false);
   } catch (...) {
     VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
