@@ -57,6 +57,11 @@ class VeltOutputFile {
   // it does.
   bool CopyFrom(VeltInputFile& input, std::uint64_t& copied);
 
+  // Grows the file by `bytes` that are never written: they read as zeros and
+  // take no room on a file system that can leave a hole. Later writes go
+  // after them.
+  bool Extend(std::uint64_t bytes);
+
   // Closes the file; false when the system reports a failed write only now.
   bool Close();
 

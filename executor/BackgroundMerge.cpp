@@ -2,8 +2,11 @@
 
 #include "core/ExtractaParserException.h"
 
-BackgroundMerge::BackgroundMerge(const AString& combinedPath, std::string failurePrefix)
-    : merge_(combinedPath), failurePrefix_(std::move(failurePrefix)), thread_([this] { work(); }) {}
+BackgroundMerge::BackgroundMerge(const AString& combinedPath, std::string failurePrefix,
+                                 ConnectivityMerge::Bodies bodies)
+    : merge_(combinedPath, bodies),
+      failurePrefix_(std::move(failurePrefix)),
+      thread_([this] { work(); }) {}
 
 BackgroundMerge::~BackgroundMerge() {
   {

@@ -16,7 +16,8 @@
 class BackgroundMerge {
  public:
   // `failurePrefix` begins the text of every failure thrown.
-  BackgroundMerge(const AString& combinedPath, std::string failurePrefix);
+  BackgroundMerge(const AString& combinedPath, std::string failurePrefix,
+                  ConnectivityMerge::Bodies bodies = ConnectivityMerge::Bodies::kCopied);
   // Lets the piece being copied end and drops the pieces not begun.
   ~BackgroundMerge();
   BackgroundMerge(const BackgroundMerge&) = delete;

@@ -347,16 +347,22 @@ void BackgroundPacker::buildCombined() {
   jobs_[Key(combined_)] = std::move(job);
 }
 
-bool BackgroundPacker::addTo(CZipArchive& archive, const std::string& path, bool fullPath) {
+const BackgroundPacker::Job* BackgroundPacker::ready(const std::string& path) const {
   const auto found = jobs_.find(Key(path));
-  if (found == jobs_.end()) return false;
+  if (found == jobs_.end()) return nullptr;
   const Job& job = *found->second;
-  if (!job.complete || job.failed) return false;
+  if (!job.complete || job.failed) return nullptr;
   try {
-    if (!(StateOf(path) == job.state)) return false;
+    if (!(StateOf(path) == job.state)) return nullptr;
   } catch (const std::filesystem::filesystem_error&) {
-    return false;
+    return nullptr;
   }
-  archive.AddDeflatedFile(path, fullPath, JoinSegments(job.segments), store_);
+  return &job;
+}
+
+bool BackgroundPacker::addTo(CZipArchive& archive, const std::string& path, bool fullPath) {
+  const Job* job = ready(path);
+  if (!job) return false;
+  archive.AddDeflatedFile(path, fullPath, JoinSegments(job->segments), store_);
   return true;
 }

@@ -60,7 +60,8 @@ class BackgroundPacker : public RunObserver {
   void viewFinished(const std::string& path);
   void viewFinished(const ActiveView& view) override;
   // `combined` was written as a header of two lines followed by the bodies of
-  // `pieces`, each after its own two header lines, in this order.
+  // `pieces`, each after its own two header lines, in this order, or with
+  // the bodies' places left unwritten (the entry never reads them).
   void combinedFrom(const std::string& combined, const std::vector<std::string>& pieces);
 
   // Waits until the workers are done. False when an interrupt arrived first.
@@ -68,6 +69,8 @@ class BackgroundPacker : public RunObserver {
   // After finish: adds the file at `path` from its compressed data and returns
   // true, or returns false when there is none for the file as it is now.
   bool addTo(CZipArchive& archive, const std::string& path, bool fullPath);
+  // After finish: whether addTo would add the file at `path`.
+  bool holds(const std::string& path) const { return ready(path) != nullptr; }
 
  private:
   struct Job;
@@ -91,6 +94,7 @@ class BackgroundPacker : public RunObserver {
   void divide(Job& job, uint64_t part, uint64_t& from, uint64_t to, bool last,
               std::vector<Task>& tasks);
   void done(Job& job, bool failed);
+  const Job* ready(const std::string& path) const;
   void buildCombined();
   static std::string Key(const std::string& path);
 

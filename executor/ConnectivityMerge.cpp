@@ -1,7 +1,9 @@
 #include "executor/ConnectivityMerge.h"
 
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "core/ExtractaParserException.h"
 #include "core/Process.h"
@@ -22,7 +24,8 @@ std::string WithLineEnd(const std::string& line) {
 
 }  // namespace
 
-ConnectivityMerge::ConnectivityMerge(const AString& combinedPath) : buffer_(kHeaderChunk) {
+ConnectivityMerge::ConnectivityMerge(const AString& combinedPath, Bodies bodies)
+    : bodies_(bodies), buffer_(kHeaderChunk) {
   if (!out_.Create(combinedPath)) {
     failed_ = true;
     trace("cannot create the combined file", out_.Error());
@@ -50,10 +53,14 @@ void ConnectivityMerge::add(const AString& piecePath) {
     throw ExtractaParserException(AString(L"missing header in file ") + piecePath);
   }
 
-  append(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
-  if (!header.pieceEnded && !failed_ && !out_.CopyFrom(piece, bytes_)) {
-    failed_ = true;
-    trace("cannot copy a piece", out_.Error());
+  if (bodies_ == Bodies::kPlaced) {
+    place(piecePath, header);
+  } else {
+    append(buffer_.data() + header.restBegin, header.restEnd - header.restBegin);
+    if (!header.pieceEnded && !failed_ && !out_.CopyFrom(piece, bytes_)) {
+      failed_ = true;
+      trace("cannot copy a piece", out_.Error());
+    }
   }
   if (failed_) {
     throw ExtractaParserException(AString(L"error adding ") + piecePath +
@@ -69,7 +76,7 @@ void ConnectivityMerge::add(const AString& piecePath) {
 ConnectivityMerge::Header ConnectivityMerge::readHeader(VeltInputFile& piece) {
   Header header;
   int line = 0;
-  for (;;) {
+  for (uint64_t offset = 0;;) {
     const int64_t got = piece.Read(buffer_.data(), kHeaderChunk);
     if (got < 0) {
       header.readError = true;
@@ -96,8 +103,31 @@ ConnectivityMerge::Header ConnectivityMerge::readHeader(VeltInputFile& piece) {
     if (line == 2) {
       header.restBegin = pos;
       header.restEnd = size;
+      header.end = offset + pos;
       return header;
     }
+    offset += size;
+  }
+}
+
+// The body's place: the piece's size past its header.
+void ConnectivityMerge::place(const AString& piecePath, const Header& header) {
+  if (failed_ || header.pieceEnded) return;
+  std::error_code error;
+  const uint64_t size =
+      std::filesystem::file_size(std::filesystem::u8path(VEL_ANSI(piecePath)), error);
+  if (error || size < header.end) {
+    failed_ = true;
+    VelDebug(1, L"*ConnectivityMerge: cannot find a piece's size: %s\n",
+             AString(error ? error.message() : std::string("shorter than its header")).c_str());
+    return;
+  }
+  const uint64_t body = size - header.end;
+  if (out_.Extend(body)) {
+    bytes_ += body;
+  } else {
+    failed_ = true;
+    trace("cannot make room for a piece", out_.Error());
   }
 }
 

@@ -6,6 +6,7 @@
 // is defined then).
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "core/AString.h"
@@ -59,6 +60,8 @@ class ExtractaExecutor {
   // write would leave the run's delivery silently without that view. Throws
   // ExtractaParserException when `path` is not a file.
   static void requireViewFile(const AString& path);
+  // Throws ExtractaParserException when a piece cannot be merged.
+  void writeOutPlacedCombined();
 
   AString errorMessage;
   LongFileName workingDir;
@@ -69,6 +72,11 @@ class ExtractaExecutor {
   // first one's directory.
   bool createdWorkingDir = false;
   std::unique_ptr<BackgroundPacker> packer;
+  // A combined connectivity file whose bodies were left to the packer, and
+  // its pieces in merge order (narrow paths): written out in full when
+  // packing if the packer cannot make its entry after all.
+  AString placedCombined;
+  std::vector<std::string> placedPieces;
   // Every generator and runExtracta reports here: to the caller and the packer.
   RunReports reports;
 };

@@ -9,6 +9,7 @@
 // whichever wait is in progress.
 
 #include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <string>
 #include <vector>
@@ -91,9 +92,14 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       }
 
       // The pieces are merged in list order on a thread of their own, so that
-      // this thread only watches the children.
+      // this thread only watches the children. For an archive the packer
+      // makes the combined entry from the pieces' bodies, so only their
+      // places are kept; a working directory kept for a look gets them all.
       const AString combinedPath = workingDir.FilePath() + MakeViewFileName(kConn, AString());
-      BackgroundMerge merge(combinedPath, "createExtractaControlFileAndViewsMP ");
+      const ConnectivityMerge::Bodies bodies = packer && !std::getenv("VELTAR_EXTRACTA_DEBUG")
+                                                   ? ConnectivityMerge::Bodies::kPlaced
+                                                   : ConnectivityMerge::Bodies::kCopied;
+      BackgroundMerge merge(combinedPath, "createExtractaControlFileAndViewsMP ", bodies);
       std::vector<std::string> pieces;
       try {
         for (const GeneratorPtr& generator : connGenerators) {
@@ -111,6 +117,10 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         throw;
       }
       if (packer) packer->combinedFrom(VEL_ANSI(combinedPath), pieces);
+      if (bodies == ConnectivityMerge::Bodies::kPlaced) {
+        placedCombined = combinedPath;
+        placedPieces = pieces;
+      }
       VelDebug(2, L"createExtractaControlFileAndViewsMP merged %d files, %lld bytes in %lld us\n",
                merge.merge().filesAdded(), static_cast<long long>(merge.merge().bytesWritten()),
                static_cast<long long>(merge.merge().microseconds()));

@@ -18,6 +18,7 @@
 #include "core/VelDebug.h"
 #include "core/ZipArchive.h"
 #include "executor/BackgroundPacker.h"
+#include "executor/ConnectivityMerge.h"
 #include "executor/ExtractaExecutor.h"
 
 #define VEL_ASSERT_SOURCE "ExtractaExecutor"
@@ -118,6 +119,15 @@ bool ExtractaExecutor::addFilesToWorkingDir(const std::vector<AString>& files) {
   return true;
 }
 
+// The packer could not make the combined file's entry (a piece it could not
+// read, or one rewritten after it was followed), so the zip writer reads the
+// file: its bodies are written now.
+void ExtractaExecutor::writeOutPlacedCombined() {
+  VelDebug(1, L"zipActiveViews: the combined connectivity file written out in full\n");
+  ConnectivityMerge merge(placedCombined);
+  for (const std::string& piece : placedPieces) merge.add(AString(piece));
+}
+
 bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& filterExtension) {
   const fs::path outpath = fs::u8path(VEL_ANSI(outputPath));
   VEL_ASSERT(!fs::is_directory(outpath));
@@ -134,6 +144,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   try {
     // An interrupt while the last views are deflated packs nothing.
     if (packer && !packer->finish()) throw CZipException("interrupted");
+    if (!placedPieces.empty() && !packer->holds(VEL_ANSI(placedCombined))) writeOutPlacedCombined();
     const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
     std::vector<fs::path> packedAhead;
     if (Exists(fs::status(workingpath))) {

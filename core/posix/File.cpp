@@ -107,6 +107,17 @@ bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
   return CopyInPieces(input, copied);
 }
 
+bool VeltOutputFile::Extend(std::uint64_t bytes) {
+  const int fd = Descriptor(handle_);
+  const off_t end = lseek(fd, 0, SEEK_CUR);
+  if (end < 0 || ftruncate(fd, end + static_cast<off_t>(bytes)) != 0 ||
+      lseek(fd, static_cast<off_t>(bytes), SEEK_CUR) < 0) {
+    error_ = errno;
+    return false;
+  }
+  return true;
+}
+
 bool VeltOutputFile::Close() {
   if (handle_ < 0) return true;
   const bool closed = close(Descriptor(handle_)) == 0;

@@ -87,6 +87,17 @@ bool VeltOutputFile::CopyFrom(VeltInputFile& input, std::uint64_t& copied) {
   return CopyInPieces(input, copied);
 }
 
+bool VeltOutputFile::Extend(std::uint64_t bytes) {
+  LARGE_INTEGER move;
+  move.QuadPart = static_cast<LONGLONG>(bytes);
+  if (!SetFilePointerEx(Handle(handle_), move, nullptr, FILE_CURRENT) ||
+      !SetEndOfFile(Handle(handle_))) {
+    error_ = static_cast<int>(GetLastError());
+    return false;
+  }
+  return true;
+}
+
 bool VeltOutputFile::Close() {
   if (handle_ == -1) return true;
   const bool closed = CloseHandle(Handle(handle_)) != 0;

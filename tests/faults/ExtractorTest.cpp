@@ -159,6 +159,39 @@ TEST_F(ExtractorFaults, ExtractaWritesATruncatedSurvey) {
   EXPECT_GT(SortedRecords(expected).size(), 100u);
 }
 
+// Row: extracta rewrites a connectivity piece shorter once it has written it
+// Outcome: the run succeeds, and conn.txt is the first piece's header and
+//   every piece's body as the pieces finally stand, the shortened one
+//   included: what was compressed while the piece was written is dropped,
+//   and the combined file is written out in full for the zip writer.
+TEST_F(ExtractorFaults, ExtractaRewritesAPieceShorter) {
+  // The remainder must be several compression segments long, and written
+  // slowly enough to be followed past its final length.
+  const std::string large = MakeDesign(dir.path(), 11, 150000);
+  RunOptions shortened;
+  shortened.env = {{"EXTRACTA_SIM_MATCH", "extracta_control_connremainder.txt"},
+                   {"EXTRACTA_SIM_OUTPUT", "truncate"},
+                   {"EXTRACTA_SIM_NS_PER_RECORD", "10000"}};
+  ProgramRun run({"-z", large, dir / "short.vlx"}, shortened);
+  ExpectCleanSuccess(run);
+
+  const std::string archive = dir / "short.vlx";
+  std::string header, bodies;
+  for (const std::string& leaf : ArchiveLeaves(archive)) {
+    if (leaf.rfind("conn", 0) != 0 || leaf == "conn.txt" || leaf == "connnets.txt") continue;
+    const ViewParts piece = SplitHeader(ArchiveEntry(archive, leaf));
+    if (header.empty()) header = piece.header;
+    bodies += piece.body;
+  }
+  const std::string remainder = SplitHeader(ArchiveEntry(archive, "connremainder.txt")).body;
+  ASSERT_GT(remainder.size(), 2u << 20);                      // half of what was followed
+  EXPECT_NE(remainder.substr(remainder.size() - 2), "\r\n");  // cut inside a record
+  const std::string delivered = ArchiveEntry(archive, "conn.txt");
+  EXPECT_EQ(delivered.size(), header.size() + bodies.size());
+  EXPECT_EQ(delivered.find('\0'), std::string::npos);
+  EXPECT_EQ(delivered.substr(delivered.size() - remainder.size()), remainder);
+}
+
 using Clock = std::chrono::steady_clock;
 
 // Row: the program itself killed outright (SIGKILL, the out-of-memory

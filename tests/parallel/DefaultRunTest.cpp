@@ -231,7 +231,8 @@ TEST(ConnectivitySplitTest, SurveyCountsEveryNetOrNamesWhatBreaksIt) {
 // system), through the merge's own buffer, on the merge's own thread. A
 // failure names its piece, and nothing after it is merged; "@" stands for the
 // directory, and a directory stands in the way of a piece or of the combined
-// file where one is named.
+// file where one is named. With the bodies placed, the combined file is as
+// long, but only its header is written.
 TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
   std::string large = "A!NET_NAME!\r\nJ!x!\r\n";
   while (large.size() < (64 << 10)) large += "S!GND!\r\n";
@@ -256,34 +257,41 @@ TEST(ConnectivityMergeTest, JoinsTheFirstHeaderAndEveryBody) {
        std::string(kOnWindows ? "MP failed to open" : "MP missing header in") + " file @p1.txt"},
       {{next}, 0, "conn.txt", "MP error adding @p0.txt to combined connectivity file"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.combined.substr(0, 40));
-    TempDir dir;
-    if (*c.inTheWay) MakeDirectory(dir / c.inTheWay);
-    BackgroundMerge merge(AString(dir / "conn.txt"), "MP ");
-    std::string failure;
-    SetKernelCopyError(c.kernelError);
-    try {
-      for (std::size_t i = 0; i < c.pieces.size(); ++i) {
-        const std::string piece = dir / ("p" + std::to_string(i) + ".txt");
-        if (!c.pieces[i].empty()) WriteFile(piece, c.pieces[i]);
-        merge.add(AString(piece));
+  using Bodies = ConnectivityMerge::Bodies;
+  for (const auto& c : cases)
+    for (const Bodies bodies : {Bodies::kCopied, Bodies::kPlaced}) {
+      SCOPED_TRACE(c.combined.substr(0, 40));
+      SCOPED_TRACE(bodies == Bodies::kPlaced ? "placed" : "copied");
+      TempDir dir;
+      if (*c.inTheWay) MakeDirectory(dir / c.inTheWay);
+      BackgroundMerge merge(AString(dir / "conn.txt"), "MP ", bodies);
+      std::string failure;
+      SetKernelCopyError(c.kernelError);
+      try {
+        for (std::size_t i = 0; i < c.pieces.size(); ++i) {
+          const std::string piece = dir / ("p" + std::to_string(i) + ".txt");
+          if (!c.pieces[i].empty()) WriteFile(piece, c.pieces[i]);
+          merge.add(AString(piece));
+        }
+        merge.finish();
+      } catch (const ExtractaParserException& error) {
+        failure = error.what();
+        failure.replace(failure.find(dir.path()), dir.path().size() + 1, "@");
       }
-      merge.finish();
-    } catch (const ExtractaParserException& error) {
-      failure = error.what();
-      failure.replace(failure.find(dir.path()), dir.path().size() + 1, "@");
+      SetKernelCopyError(0);
+      if (c.combined.find("S!") == std::string::npos) {
+        EXPECT_EQ(failure, c.combined);
+        continue;
+      }
+      EXPECT_EQ(failure, "");
+      std::string expected = c.combined;
+      const std::size_t header = expected.find('\n', expected.find('\n') + 1) + 1;
+      if (bodies == Bodies::kPlaced)
+        expected.replace(header, std::string::npos, expected.size() - header, '\0');
+      EXPECT_EQ(ReadFile(dir / "conn.txt"), expected);
+      EXPECT_EQ(merge.merge().filesAdded(), static_cast<int>(c.pieces.size()));
+      EXPECT_EQ(merge.merge().bytesWritten(), c.combined.size());
     }
-    SetKernelCopyError(0);
-    if (c.combined.find("S!") == std::string::npos) {
-      EXPECT_EQ(failure, c.combined);
-      continue;
-    }
-    EXPECT_EQ(failure, "");
-    EXPECT_EQ(ReadFile(dir / "conn.txt"), c.combined);
-    EXPECT_EQ(merge.merge().filesAdded(), static_cast<int>(c.pieces.size()));
-    EXPECT_EQ(merge.merge().bytesWritten(), c.combined.size());
-  }
 }
 
 }  // namespace
