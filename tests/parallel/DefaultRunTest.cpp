@@ -128,6 +128,15 @@ TEST(DefaultRun, OnChosenNets) {
     const std::vector<std::string> controls = ExpectedControlFiles(c.split);
     ExpectStarted(run, controls);
     ExpectMergedFromPieces(run, controls, design, dir.path());
+    // Moved into a directory, without a working directory kept, conn.txt
+    // holds every record as well.
+    const std::string views = dir / "views";
+    ASSERT_TRUE(MakeDirectory(views));
+    std::vector<std::string> moveArgs = c.options;
+    moveArgs.insert(moveArgs.end(), {design, views});
+    ASSERT_EQ(ProgramRun(moveArgs).Wait().exitCode, 0);
+    EXPECT_EQ(SplitHeader(ReadFile(views + "/conn.txt")).body,
+              SplitHeader(ReadFile(run.workDir + "conn.txt")).body);
     // The merge holds every net's records (above), so the remainder takes
     // every net not split whatever the selection; the other views carry it.
     if (!c.options.empty()) {
