@@ -4,9 +4,10 @@
 // three class groups each, one "remainder" run takes every other net, and the
 // pieces are concatenated into conn.txt with a single header.
 //
-// Parallelism lies only in the child processes: every wait polls the
+// This thread only starts and watches the children; the survey is counted
+// and the pieces are merged on threads of their own. Every wait polls the
 // generator pool, so a child failing anywhere ends the operation during
-// whichever wait is in progress.
+// whichever wait is in progress, and so does a failed merge.
 
 #include <cstdint>
 #include <cstdlib>
