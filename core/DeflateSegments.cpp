@@ -16,6 +16,7 @@ namespace {
 constexpr int kRawWindowBits = -15;
 constexpr int kMemoryLevel = 8;
 constexpr std::size_t kWindow = 32 << 10;
+constexpr std::size_t kStoreFileBuffer = 1 << 20;
 
 std::runtime_error Failure(const std::string& what, const std::string& path) {
   return std::runtime_error(what + " " + path + ": " + std::strerror(errno));
@@ -49,24 +50,32 @@ DeflateStore::~DeflateStore() {
   if (file_) std::fclose(file_);  // the temporary file goes away with it; nothing is lost
 }
 
-DeflateSegment DeflateStore::keep(std::string compressed, uint64_t size, uint32_t crc) {
+DeflateSegment DeflateStore::keep(const char* compressed, std::size_t n, uint64_t size,
+                                  uint32_t crc) {
   DeflateSegment segment;
   segment.size = size;
   segment.crc = crc;
-  segment.compressedSize = compressed.size();
+  segment.compressedSize = n;
   std::lock_guard<std::mutex> lock(mutex_);
-  if (inMemory_ + compressed.size() <= budget_) {
-    inMemory_ += compressed.size();
-    segment.memory = std::make_shared<const std::string>(std::move(compressed));
+  if (inMemory_ + n <= budget_) {
+    inMemory_ += n;
+    segment.memory = std::make_shared<const std::string>(compressed, n);
     return segment;
   }
-  if (!file_ && !(file_ = VeltOpenTemporaryFile()))
-    throw Failure("cannot create a temporary file for compressed views", "");
-  if (!VeltSeekFile(file_, fileSize_) ||
-      std::fwrite(compressed.data(), 1, compressed.size(), file_) != compressed.size())
+  if (!file_) {
+    if (!(file_ = VeltOpenTemporaryFile()))
+      throw Failure("cannot create a temporary file for compressed views", "");
+    // The archive reads it back in the zip library's small pieces: a large
+    // buffer turns those into few system calls. Without one, only slower.
+    // The C library sizes a buffer of its own by the file system's block.
+    fileBuffer_.reset(new char[kStoreFileBuffer]);
+    std::setvbuf(file_, fileBuffer_.get(), _IOFBF, kStoreFileBuffer);
+  }
+  readEnd_ = kNowhere;  // the next read seeks back from the end
+  if (!VeltSeekFile(file_, fileSize_) || std::fwrite(compressed, 1, n, file_) != n)
     throw Failure("cannot write compressed views to a temporary file", "");
   segment.fileOffset = fileSize_;
-  fileSize_ += compressed.size();
+  fileSize_ += n;
   return segment;
 }
 
@@ -79,8 +88,15 @@ void DeflateStore::read(const DeflateSegment& segment, uint64_t offset, char* ou
   }
   std::lock_guard<std::mutex> lock(mutex_);
   // Written data may still sit in the stream's buffer; the seek flushes it.
-  if (!VeltSeekFile(file_, segment.fileOffset + offset) || std::fread(out, 1, n, file_) != n)
+  // A read that goes on where the last one ended needs none, and keeps the
+  // buffer it filled.
+  const uint64_t from = segment.fileOffset + offset;
+  const bool positioned = from == readEnd_ || VeltSeekFile(file_, from);
+  if (!positioned || std::fread(out, 1, n, file_) != n) {
+    readEnd_ = kNowhere;
     throw Failure("cannot read compressed views from a temporary file", "");
+  }
+  readEnd_ = from + n;
 }
 
 std::size_t DeflateStore::memoryInUse() const {
@@ -140,7 +156,7 @@ DeflateSegment SegmentDeflater::deflate(const char* data, std::size_t n,
   }
   const uint32_t crc = static_cast<uint32_t>(
       crc32(crc32(0, nullptr, 0), reinterpret_cast<const Bytef*>(data), static_cast<uInt>(n)));
-  return store.keep(output.substr(0, produced), n, crc);
+  return store.keep(output.data(), produced, n, crc);
 }
 
 // ---------------------------------------------------------------- entries
@@ -180,11 +196,19 @@ const std::string& DeflateFinalBlock() {
 
 // ---------------------------------------------------------------- reading
 
-std::string ReadFileRange(const std::string& path, uint64_t offset, std::size_t length) {
+const char* ReadFileRange(const std::string& path, uint64_t offset, std::size_t length,
+                          std::string& into) {
   const File file = OpenForReading(path);
-  std::string data(length, '\0');
-  if (!VeltSeekFile(file.get(), offset) || std::fread(&data[0], 1, length, file.get()) != length)
+  // Grown only: shrinking and growing again would clear the same bytes anew.
+  if (into.size() < length) into.resize(length);
+  if (!VeltSeekFile(file.get(), offset) || std::fread(&into[0], 1, length, file.get()) != length)
     throw Failure("cannot read", path);
+  return into.data();
+}
+
+std::string ReadFileRange(const std::string& path, uint64_t offset, std::size_t length) {
+  std::string data;
+  ReadFileRange(path, offset, length, data);
   return data;
 }
 

@@ -43,9 +43,9 @@ class DeflateStore {
   DeflateStore(const DeflateStore&) = delete;
   DeflateStore& operator=(const DeflateStore&) = delete;
 
-  // Keeps compressed bytes; throws std::runtime_error when the temporary file
-  // cannot be created or written.
-  DeflateSegment keep(std::string compressed, uint64_t size, uint32_t crc);
+  // Keeps `n` compressed bytes (copied only when they stay in memory); throws
+  // std::runtime_error when the temporary file cannot be created or written.
+  DeflateSegment keep(const char* compressed, std::size_t n, uint64_t size, uint32_t crc);
   // Copies `n` compressed bytes of a segment from `offset` on. Throws on a
   // read error.
   void read(const DeflateSegment& segment, uint64_t offset, char* out, std::size_t n) const;
@@ -58,7 +58,11 @@ class DeflateStore {
   mutable std::mutex mutex_;
   std::size_t inMemory_ = 0;
   std::FILE* file_ = nullptr;
+  std::unique_ptr<char[]> fileBuffer_;  // the file's stream buffer, closed before it goes
   uint64_t fileSize_ = 0;
+  // Where the stream stands after the last read; kNowhere after a write.
+  static constexpr uint64_t kNowhere = ~uint64_t{0};
+  mutable uint64_t readEnd_ = kNowhere;
 };
 
 // Compresses segments; one per thread (it keeps its deflate state between
@@ -97,4 +101,9 @@ const std::string& DeflateFinalBlock();
 // past the first `lines` line ends (the file's size when it has fewer). Both
 // throw std::runtime_error on failure.
 std::string ReadFileRange(const std::string& path, uint64_t offset, std::size_t length);
+// The same into `into`, which keeps its memory from one call to the next (a
+// segment's worth of fresh pages for every segment costs a page fault per
+// page); returns where the bytes start. `into` may be longer than `length`.
+const char* ReadFileRange(const std::string& path, uint64_t offset, std::size_t length,
+                          std::string& into);
 uint64_t OffsetAfterLines(const std::string& path, int lines);

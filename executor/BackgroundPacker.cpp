@@ -139,24 +139,23 @@ void BackgroundPacker::combinedFrom(const std::string& combined,
 
 void BackgroundPacker::work() {
   VeltLowerThisThreadsPriority();
-  std::unique_ptr<SegmentDeflater> deflater;
+  Worker worker;
   std::unique_lock<std::mutex> lock(mutex_);
   for (;;) {
     wake_.wait(lock, [this] { return stopping_ || !tasks_.empty(); });
     if (stopping_) return;
-    runNext(lock, deflater);
+    runNext(lock, worker);
   }
 }
 
-void BackgroundPacker::runNext(std::unique_lock<std::mutex>& lock,
-                               std::unique_ptr<SegmentDeflater>& deflater) {
+void BackgroundPacker::runNext(std::unique_lock<std::mutex>& lock, Worker& worker) {
   const Task task = tasks_.front();
   tasks_.pop_front();
   ++active_;
   lock.unlock();
   try {
-    if (!deflater) deflater.reset(new SegmentDeflater);
-    run(task, *deflater);
+    if (!worker.deflater) worker.deflater.reset(new SegmentDeflater);
+    run(task, worker);
   } catch (const std::exception& failure) {
     // The file is then compressed by the zip writer, as any other.
     VelDebug(1, L"BackgroundPacker: %s\n", AString(failure.what()).c_str());
@@ -168,16 +167,16 @@ void BackgroundPacker::runNext(std::unique_lock<std::mutex>& lock,
   idle_.notify_all();
 }
 
-void BackgroundPacker::run(const Task& task, SegmentDeflater& deflater) {
+void BackgroundPacker::run(const Task& task, Worker& worker) {
   Job& job = *task.job;
   if (task.segment == kPlan) {
     plan(job);
     return;
   }
-  const std::string data =
-      ReadFileRange(job.path, task.offset - task.dictionary, task.dictionary + task.length);
+  const char* data = ReadFileRange(job.path, task.offset - task.dictionary,
+                                   task.dictionary + task.length, worker.input);
   DeflateSegment segment =
-      deflater.deflate(data.data() + task.dictionary, task.length, task.dictionary, store_);
+      worker.deflater->deflate(data + task.dictionary, task.length, task.dictionary, store_);
   std::lock_guard<std::mutex> lock(mutex_);
   job.segments[task.segment] = std::move(segment);
   done(job, false);
@@ -296,12 +295,12 @@ void BackgroundPacker::done(Job& job, bool failed) {
 bool BackgroundPacker::finish() {
   // The last views are on the critical path now: this thread, at its normal
   // priority, deflates beside the workers.
-  std::unique_ptr<SegmentDeflater> deflater;
+  Worker worker;
   std::unique_lock<std::mutex> lock(mutex_);
   while (!tasks_.empty() || active_ > 0) {
     if (InterruptRequested()) return false;
     if (!tasks_.empty())
-      runNext(lock, deflater);
+      runNext(lock, worker);
     else
       idle_.wait_for(lock, std::chrono::milliseconds(50));
   }

@@ -85,8 +85,13 @@ class BackgroundPacker : public RunObserver {
 
   void work();
   // Runs the first task; called with the lock held, returns with it held.
-  void runNext(std::unique_lock<std::mutex>& lock, std::unique_ptr<SegmentDeflater>& deflater);
-  void run(const Task& task, SegmentDeflater& deflater);
+  // What one thread keeps from one segment to the next.
+  struct Worker {
+    std::unique_ptr<SegmentDeflater> deflater;
+    std::string input;  // the segment read, with its dictionary before it
+  };
+  void runNext(std::unique_lock<std::mutex>& lock, Worker& worker);
+  void run(const Task& task, Worker& worker);
   void plan(Job& job);
   // Queues the segments of a followed file written so far; all that is left
   // once `ended`.
