@@ -66,10 +66,11 @@ DeflateSegment DeflateStore::keep(const char* compressed, std::size_t n, uint64_
     if (!(file_ = VeltOpenTemporaryFile()))
       throw Failure("cannot create a temporary file for compressed views", "");
     // The archive reads it back in the zip library's small pieces: a large
-    // buffer turns those into few system calls. Without one, only slower.
-    // The C library sizes a buffer of its own by the file system's block.
+    // buffer turns those into few system calls. It must be given, as the C
+    // library otherwise keeps to the file system's block whatever size is
+    // asked; refused, the stream keeps its own and is only slower.
     fileBuffer_.reset(new char[kStoreFileBuffer]);
-    std::setvbuf(file_, fileBuffer_.get(), _IOFBF, kStoreFileBuffer);
+    if (std::setvbuf(file_, fileBuffer_.get(), _IOFBF, kStoreFileBuffer) != 0) fileBuffer_.reset();
   }
   readEnd_ = kNowhere;  // the next read seeks back from the end
   if (!VeltSeekFile(file_, fileSize_) || std::fwrite(compressed, 1, n, file_) != n)

@@ -83,13 +83,14 @@ class BackgroundPacker : public RunObserver {
   };
   static constexpr std::size_t kPlan = SIZE_MAX;
 
-  void work();
-  // Runs the first task; called with the lock held, returns with it held.
   // What one thread keeps from one segment to the next.
   struct Worker {
     std::unique_ptr<SegmentDeflater> deflater;
     std::string input;  // the segment read, with its dictionary before it
   };
+
+  void work();
+  // Runs the first task; called with the lock held, returns with it held.
   void runNext(std::unique_lock<std::mutex>& lock, Worker& worker);
   void run(const Task& task, Worker& worker);
   void plan(Job& job);
