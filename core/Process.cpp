@@ -13,10 +13,18 @@ int VeltCreateProcess(const AString& applicationName, const AString* argv, int a
                       bool errorToOutput, bool newProcessGroup, int* processId) {
   processHandle = nullptr;
   if (processId) *processId = 0;
-  if (creationFlags != 0 || argv == nullptr || argc < 1) return kVeltErrorInvalidArgument;
+  if (argv == nullptr || argc < 1) return kVeltErrorInvalidArgument;
+  int endSignal = 0;
+  if (creationFlags != 0) {
+    endSignal = static_cast<int>(creationFlags & ~kVeltEndRequested);
+    // A signal number, only for a child of its own group, where signals are.
+    if ((creationFlags & kVeltEndRequested) == 0 || endSignal <= 0 || endSignal >= 64 ||
+        !newProcessGroup || !kVeltChildrenAskedToEnd)
+      return kVeltErrorInvalidArgument;
+  }
   return velt_system::StartProcess(applicationName, argv, argc, processHandle, workingDirectory,
                                    environment, inputPath, outputHandle, inheritHandles,
-                                   errorToOutput, newProcessGroup, processId);
+                                   errorToOutput, newProcessGroup, endSignal, processId);
 }
 
 std::string VeltFormatSystemMessage(int errorCode) {
@@ -77,4 +85,24 @@ std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine) {
   }
   if (inArgument) arguments.push_back(std::move(current));
   return arguments;
+}
+
+std::string VeltQuoteArgument(const std::string& argument, bool always) {
+  if (!always && !argument.empty() && argument.find_first_of(" \t\"") == std::string::npos)
+    return argument;
+  std::string quoted = "\"";
+  std::size_t backslashes = 0;
+  for (const char c : argument) {
+    if (c == '\\') {
+      ++backslashes;
+      continue;
+    }
+    quoted.append(c == '"' ? 2 * backslashes + 1 : backslashes, '\\');
+    quoted += c;
+    backslashes = 0;
+  }
+  // Before the closing quote, backslashes are doubled so they stay literal.
+  quoted.append(2 * backslashes, '\\');
+  quoted += '"';
+  return quoted;
 }

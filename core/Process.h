@@ -43,6 +43,22 @@ using VeltProcessHandle = void*;
 // The exit code reported while a child still runs.
 constexpr int kVeltStillActive = 259;
 
+// creationFlags of a child that started a task elsewhere through a farm
+// engine's launcher (srun, blaunch, qrsh): ending it first sends it `signal`,
+// so that it ends its task through the engine, and gives it
+// kVeltEndRequestMilliseconds before its process group is killed. It gets
+// the same signal when this program dies, and so does its group from an
+// interrupt. Only where kVeltChildrenAskedToEnd holds; elsewhere the flag is
+// refused.
+constexpr unsigned kVeltEndRequested = 0x100;
+constexpr unsigned VeltEndRequestFlags(int signal) {
+  return kVeltEndRequested | static_cast<unsigned>(signal);
+}
+constexpr int kVeltEndRequestMilliseconds = 1000;
+// True where a child can be asked to end by a signal (POSIX). Windows ends a
+// child tree through its job object only.
+extern const bool kVeltChildrenAskedToEnd;
+
 // System error codes VeltCreateProcess returns for its own checks (the
 // values are the system's own, so they are not the same on every system).
 extern const int kVeltErrorNotFound;         // no such program (2 everywhere)
@@ -60,8 +76,8 @@ extern const int kVeltErrorInvalidArgument;  // an argument outside the contract
 //                    device
 //   outputHandle     where standard output goes; kVeltNullPipeHandle: the
 //                    caller's standard output
-//   creationFlags    reserved; must be 0 (anything else gives
-//                    kVeltErrorInvalidArgument)
+//   creationFlags    0, or VeltEndRequestFlags(signal) (see above); anything
+//                    else gives kVeltErrorInvalidArgument
 //   inheritHandles   false: the child gets its three standard streams and no
 //                    other handle of the caller; true: the caller's handles
 //                    marked inheritable reach the child too
@@ -108,9 +124,20 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
 // of 79 holds with its terminator), without a trailing line end.
 std::string VeltFormatSystemMessage(int errorCode);
 
+// The program a name stands for, found as VeltCreateProcess finds it: 0 and
+// its full path in `path`, or the system's error code (kVeltErrorNotFound
+// when there is none).
+int VeltFindProgram(const AString& name, AString& path);
+
 // Splits a command line as the Windows C runtime splits the arguments after
 // the program name: blanks and tabs separate; double quotes group and are
 // removed; 2n backslashes before a quote give n backslashes and the quote
 // groups, 2n+1 give n backslashes and a literal quote; other backslashes are
 // literal; two quotes inside a quoted part give one literal quote.
 std::vector<std::string> VeltSplitCommandLine(const std::string& commandLine);
+
+// The argument as VeltSplitCommandLine reads it back whole: as it is when it
+// holds no blank, tab or double quote and is not empty (unless `always`),
+// else in double quotes, a quote in it escaped and the backslashes before a
+// quote (or before the closing one) doubled.
+std::string VeltQuoteArgument(const std::string& argument, bool always = false);

@@ -20,12 +20,14 @@ std::string ErrorText(int errorCode);
 // Windows GetLastError()).
 std::string LastErrorText();
 
-// VeltCreateProcess once its arguments are checked: the same parameters but
-// the reserved flags, the same results.
+// VeltCreateProcess once its arguments are checked: the same parameters, the
+// flags read as the signal that asks the child to end (0: none), the same
+// results.
 int StartProcess(const AString& applicationName, const AString* argv, int argc,
                  VeltProcessHandle& processHandle, const AString& workingDirectory,
                  const char* const* environment, const char* inputPath, VeltPipeHandle outputHandle,
-                 bool inheritHandles, bool errorToOutput, bool newProcessGroup, int* processId);
+                 bool inheritHandles, bool errorToOutput, bool newProcessGroup, int endSignal,
+                 int* processId);
 
 // Closes one end of a pipe; false when the system reports a failure.
 bool ClosePipeEnd(VeltPipeHandle handle);

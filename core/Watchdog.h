@@ -13,6 +13,12 @@
 // the program exits normally. On Windows the job objects end every child
 // tree already; there it does nothing.
 
+#include <string>
+#include <vector>
+
 // Starts the watchdog. Call once at start, before any thread exists and before
 // any child starts; a watchdog that cannot be started is left out.
-void StartChildWatchdog();
+// `lastCommand` (a program's full path and its arguments; may be empty) runs
+// once the groups are ended after the program died: what a farm engine still
+// holds of the children's tasks is ended through the engine by it.
+void StartChildWatchdog(const std::vector<std::string>& lastCommand = {});

@@ -9,21 +9,24 @@
 
 namespace velt_posix {
 
-// Remembers a child's process group; returns its slot, or -1 when the table
-// stays full even after forgetting the groups that are gone.
-int RegisterChildGroup(pid_t group);
+// Remembers a child's process group and the signal that asks it to end (0:
+// it is killed); returns its slot, or -1 when the table stays full even after
+// forgetting the groups that are gone.
+int RegisterChildGroup(pid_t group, int endSignal);
 
 // Forgets the group in its slot, unless the slot has been given to another
 // group since (-1 is ignored).
 void ReleaseChildGroup(int slot, pid_t group);
 
-// Sends the signal to every registered group. Async-signal-safe.
-void SignalChildGroups(int signal);
+// Ends every registered group: its end signal where it has one, else
+// SIGKILL. Async-signal-safe.
+void EndChildGroups();
 
-// Tell the watchdog (core/Watchdog.h) that a child's process group started
-// (async-signal-safe: the child tells it itself, before its exec), or that it
-// is gone and its number may be reused. Nothing without a watchdog.
-void TellWatchdogGroupStarted(pid_t group);
+// Tell the watchdog (core/Watchdog.h) that a child's process group started,
+// with the signal that asks it to end (0: none; async-signal-safe: the child
+// tells it itself, before its exec), or that it is gone and its number may be
+// reused. Nothing without a watchdog.
+void TellWatchdogGroupStarted(pid_t group, int endSignal);
 void TellWatchdogGroupGone(pid_t group);
 
 // A descriptor that becomes readable when an interrupt arrives, so that a

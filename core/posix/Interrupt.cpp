@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 
 #include "core/InterruptState.h"
 #include "core/posix/ChildGroups.h"
@@ -17,44 +18,55 @@ namespace {
 // that finds the table full still runs, it is only not ended by an interrupt.
 constexpr int kGroupSlots = 256;
 
-std::atomic<pid_t> childGroups[kGroupSlots];
+// A slot holds a group and its end signal in one word, so that the handler
+// never sees one without the other.
+std::atomic<uint64_t> childGroups[kGroupSlots];
 
-static_assert(std::atomic<pid_t>::is_always_lock_free, "the signal handler reads the slots");
+static_assert(std::atomic<uint64_t>::is_always_lock_free, "the signal handler reads the slots");
 
-int TakeFreeSlot(pid_t group) {
+uint64_t Entry(pid_t group, int endSignal) {
+  return static_cast<uint64_t>(static_cast<uint32_t>(endSignal)) << 32 |
+         static_cast<uint32_t>(group);
+}
+pid_t GroupOf(uint64_t entry) { return static_cast<pid_t>(static_cast<uint32_t>(entry)); }
+int EndSignalOf(uint64_t entry) { return static_cast<int>(entry >> 32); }
+
+int TakeFreeSlot(uint64_t entry) {
   for (int slot = 0; slot < kGroupSlots; ++slot) {
-    pid_t expected = 0;
-    if (childGroups[slot].compare_exchange_strong(expected, group)) return slot;
+    uint64_t expected = 0;
+    if (childGroups[slot].compare_exchange_strong(expected, entry)) return slot;
   }
   return -1;
 }
 
 }  // namespace
 
-int RegisterChildGroup(pid_t group) {
-  const int slot = TakeFreeSlot(group);
+int RegisterChildGroup(pid_t group, int endSignal) {
+  const uint64_t entry = Entry(group, endSignal);
+  const int slot = TakeFreeSlot(entry);
   if (slot >= 0) return slot;
   // Groups whose leader finished normally stay registered while they might
   // still hold a grandchild; forget those that are gone by now.
-  for (auto& entry : childGroups) {
-    const pid_t old = entry.load();
-    if (old != 0 && kill(-old, 0) != 0 && errno == ESRCH) {
-      pid_t expected = old;
-      entry.compare_exchange_strong(expected, 0);
-    }
+  for (auto& held : childGroups) {
+    uint64_t old = held.load();
+    if (old != 0 && kill(-GroupOf(old), 0) != 0 && errno == ESRCH)
+      held.compare_exchange_strong(old, 0);
   }
-  return TakeFreeSlot(group);
+  return TakeFreeSlot(entry);
 }
 
 void ReleaseChildGroup(int slot, pid_t group) {
   if (slot < 0 || slot >= kGroupSlots) return;
-  childGroups[slot].compare_exchange_strong(group, 0);
+  uint64_t held = childGroups[slot].load();
+  if (held != 0 && GroupOf(held) == group) childGroups[slot].compare_exchange_strong(held, 0);
 }
 
-void SignalChildGroups(int signal) {
-  for (auto& entry : childGroups) {
-    const pid_t group = entry.load();
-    if (group > 0) kill(-group, signal);
+void EndChildGroups() {
+  for (auto& held : childGroups) {
+    const uint64_t entry = held.load();
+    if (entry == 0 || GroupOf(entry) <= 0) continue;
+    const int endSignal = EndSignalOf(entry);
+    kill(-GroupOf(entry), endSignal > 0 ? endSignal : SIGKILL);
   }
 }
 
@@ -72,7 +84,9 @@ using velt_interrupt::pendingSignal;
 
 void OnInterrupt(int signal) {
   const int savedErrno = errno;
-  velt_posix::SignalChildGroups(SIGKILL);
+  // A launcher on a farm is asked to end its task through the engine; the
+  // failure path that follows kills what is left of it.
+  velt_posix::EndChildGroups();
   const int wake = velt_posix::wakeEnds[1].load();
   if (wake >= 0) {
     const char byte = 1;

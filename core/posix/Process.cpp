@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -26,6 +27,7 @@ extern char** environ;
 const int kVeltErrorNotFound = ENOENT;
 const int kVeltErrorBadDirectory = ENOTDIR;
 const int kVeltErrorInvalidArgument = EINVAL;
+const bool kVeltChildrenAskedToEnd = true;
 
 namespace {
 
@@ -34,6 +36,7 @@ struct ChildProcess {
   pid_t group = 0;     // 0: the child stayed in the caller's group
   int groupSlot = -1;  // its entry in the interrupt table; -1: none
   bool groupMayLive = false;
+  int endSignal = 0;  // asks the child to end before its group is killed; 0: none
   int endWatch = -1;  // readable once the child has ended; -1: none
   bool ended = false;
   int exitCode = kVeltStillActive;
@@ -119,6 +122,7 @@ struct ChildSetup {
   bool errorToOutput;
   bool inheritHandles;
   bool newProcessGroup;
+  int endSignal;
   pid_t parent;
   int errorReport;  // write end of the close-on-exec pipe that carries a failure's errno
 };
@@ -145,16 +149,19 @@ struct ChildSetup {
   }
 #ifdef __linux__
   // A VelExtracta that is killed outright leaves no extractor behind: the
-  // child ends with the thread that created it. If that thread is gone
-  // already, the signal was never armed, so the child ends by itself.
-  if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) FailInChild(setup.errorReport);
+  // child ends with the thread that created it (a farm's launcher is asked
+  // to, so that it cancels its task through the engine at once; the watchdog
+  // kills it after). If that thread is gone already, the signal was never
+  // armed, so the child ends by itself.
+  if (prctl(PR_SET_PDEATHSIG, setup.endSignal > 0 ? setup.endSignal : SIGKILL) != 0)
+    FailInChild(setup.errorReport);
   if (getppid() != setup.parent) _exit(127);
 #endif
   if (setup.newProcessGroup) {
     if (setpgid(0, 0) != 0) FailInChild(setup.errorReport);
     // Told before the program runs, so that nothing it starts in its group
     // can outlive a VelExtracta killed the moment after.
-    velt_posix::TellWatchdogGroupStarted(getpid());
+    velt_posix::TellWatchdogGroupStarted(getpid(), setup.endSignal);
   }
   if (setup.directory >= 0 && fchdir(setup.directory) != 0) FailInChild(setup.errorReport);
 
@@ -232,13 +239,40 @@ int StartChild(const ChildSetup& prepared, pid_t& pid) {
   return got == sizeof childError && childError != 0 ? childError : ECHILD;
 }
 
+// A launcher asked to end cancels its task through its engine and exits; it
+// is given a bounded time for that, then killed like any other child.
+void AskToEnd(ChildProcess& child) {
+  kill(-child.group, child.endSignal);
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kVeltEndRequestMilliseconds);
+  for (;;) {
+    int status = 0;
+    const pid_t reaped = waitpid(child.pid, &status, WNOHANG);
+    if (reaped == child.pid) {
+      RecordEnd(child, status);
+      return;
+    }
+    if (reaped < 0 && errno != EINTR) return;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          deadline - std::chrono::steady_clock::now())
+                          .count();
+    if (left <= 0) return;
+    // Woken by the child's end where it can be watched, else looked at again.
+    pollfd end = {child.endWatch, POLLIN, 0};
+    if (child.endWatch >= 0)
+      poll(&end, 1, static_cast<int>(left));
+    else
+      poll(nullptr, 0, static_cast<int>(std::min<long long>(left, 10)));
+  }
+}
+
 }  // namespace
 
 int velt_system::StartProcess(const AString& applicationName, const AString* argv, int argc,
                               VeltProcessHandle& processHandle, const AString& workingDirectory,
                               const char* const* environment, const char* inputPath,
                               VeltPipeHandle outputHandle, bool inheritHandles, bool errorToOutput,
-                              bool newProcessGroup, int* processId) {
+                              bool newProcessGroup, int endSignal, int* processId) {
   std::string executable;
   const int lookup = velt_posix::FindProgram(
       VEL_ANSI(applicationName.empty() ? argv[0] : applicationName), executable);
@@ -276,6 +310,7 @@ int velt_system::StartProcess(const AString& applicationName, const AString* arg
   setup.errorToOutput = errorToOutput;
   setup.inheritHandles = inheritHandles;
   setup.newProcessGroup = newProcessGroup;
+  setup.endSignal = endSignal;
   setup.parent = getpid();
 
   // Every signal waits while the child is set up (its handlers must not run
@@ -291,10 +326,11 @@ int velt_system::StartProcess(const AString& applicationName, const AString* arg
     child = new ChildProcess;
     child->pid = pid;
     child->endWatch = WatchEnd(pid);
+    child->endSignal = endSignal;
     if (newProcessGroup) {
       child->group = pid;
       child->groupMayLive = true;
-      child->groupSlot = velt_posix::RegisterChildGroup(pid);
+      child->groupSlot = velt_posix::RegisterChildGroup(pid, endSignal);
     }
   }
   // A child that failed before its exec was reaped: its group is gone.
@@ -331,6 +367,7 @@ int VeltGetProcessExitCode(VeltProcessHandle handle, int& exitCode) {
 int VeltTerminateProcessTree(VeltProcessHandle handle) {
   ChildProcess* child = Child(handle);
   if (!child) return 0;
+  if (child->endSignal > 0 && !child->ended) AskToEnd(*child);
   if (child->groupMayLive)
     kill(-child->group, SIGKILL);
   else if (!child->ended)
@@ -393,6 +430,13 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
   if (interrupt >= 0) watched.push_back({interrupt, POLLIN, 0});
   // A signal ends the wait early (EINTR) as well; the caller looks again.
   poll(watched.data(), watched.size(), timeoutMilliseconds);
+}
+
+int VeltFindProgram(const AString& name, AString& path) {
+  std::string found;
+  const int error = velt_posix::FindProgram(VEL_ANSI(name), found);
+  if (error == 0) path = AString(found);
+  return error;
 }
 
 std::string velt_system::ErrorText(int errorCode) {

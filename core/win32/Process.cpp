@@ -13,6 +13,7 @@
 const int kVeltErrorNotFound = ERROR_FILE_NOT_FOUND;
 const int kVeltErrorBadDirectory = ERROR_DIRECTORY;
 const int kVeltErrorInvalidArgument = ERROR_INVALID_PARAMETER;
+const bool kVeltChildrenAskedToEnd = false;
 
 namespace {
 
@@ -125,7 +126,8 @@ int velt_system::StartProcess(const AString& applicationName, const AString* arg
                               VeltProcessHandle& processHandle, const AString& workingDirectory,
                               const char* const* environment, const char* inputPath,
                               VeltPipeHandle outputHandle, bool inheritHandles, bool errorToOutput,
-                              bool newProcessGroup, int* processId) {
+                              bool newProcessGroup, int /*endSignal: never asked for here*/,
+                              int* processId) {
   // Checked here, so that a bad working directory is not mistaken for a
   // missing program.
   const std::wstring directory = Wide(workingDirectory);
@@ -306,6 +308,28 @@ void VeltWaitForChildActivity(const std::vector<VeltProcessHandle>& children,
     if (WaitForMultipleObjects(static_cast<DWORD>(watched.size()), watched.data(), FALSE, slice) !=
         WAIT_TIMEOUT)
       return;
+  }
+}
+
+int VeltFindProgram(const AString& name, AString& path) {
+  // As CreateProcessW looks for a program given without its application
+  // name: ".exe" added to a name without an extension, the usual folders
+  // and PATH searched.
+  const std::wstring wide = Wide(name);
+  if (wide.empty()) return kVeltErrorNotFound;
+  std::vector<wchar_t> found(MAX_PATH);
+  for (;;) {
+    const DWORD length = SearchPathW(nullptr, wide.c_str(), L".exe",
+                                     static_cast<DWORD>(found.size()), found.data(), nullptr);
+    if (length == 0) return static_cast<int>(GetLastError());
+    if (length < found.size()) {
+      const DWORD attributes = GetFileAttributesW(found.data());
+      if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY))
+        return kVeltErrorNotFound;
+      path = AString(std::wstring(found.data(), length));
+      return 0;
+    }
+    found.resize(length + 1);
   }
 }
 

@@ -1,4 +1,4 @@
 #include "core/Watchdog.h"
 
 // Every child runs in a job object that ends with this program.
-void StartChildWatchdog() {}
+void StartChildWatchdog(const std::vector<std::string>&) {}
