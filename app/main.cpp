@@ -14,6 +14,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@
 #include "core/VelDebug.h"
 #include "core/Watchdog.h"
 #include "executor/ExtractaExecutor.h"
+#include "process/ExtractaViewGenerator.h"
+#include "process/Launcher.h"
 #include "views/ViewTypes.h"
 
 #define VEL_ASSERT_SOURCE "VelExtracta"
@@ -59,7 +62,7 @@ const void* PathValue(const AString& path) { return static_cast<const void*>(pat
 // One run from an existing design: create the views in a working directory,
 // pack or move them, report. The executor removes its working directory when
 // this returns.
-int RunExtraction(const CommandLine& options, const fs::path& designPath,
+int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs::path& designPath,
                   const fs::path& outputPath) {
   const AString designText(designPath.u8string());
   const AString outputText(outputPath.u8string());
@@ -73,6 +76,7 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
 
   ProgressLine progress;
   executor.reportTo(&progress);
+  executor.launchThrough(&launcher);
   std::vector<ActiveView> activeViews;
   if (options.zip) executor.packWhileExtracting();
   const bool created = executor.createExtractaViews(designText, AString(base.u8string()), views,
@@ -86,6 +90,8 @@ int RunExtraction(const CommandLine& options, const fs::path& designPath,
   // An interrupted run delivers nothing, whatever its children had finished.
   if (!created || InterruptRequested()) {
     VelDebug(1, L"view creation failed: %s\n", executor.getErrorMessage().c_str());
+    // Children ended early may have left tasks the farm engine still holds.
+    launcher.endLeftovers();
     VEL_ASSERT(!"view creation failed");
     std::cerr << "view creation failed (1).\n";
     return 1;
@@ -112,18 +118,29 @@ int main(int argc, char** argv) {
   // wide text convert as UTF-8 in core, options fold ASCII case only, and
   // numbers print with a point, whatever locale data a machine has.
   //
+  const CommandLine options = ScanCommandLine(argc, argv);
+  if (!options.enoughArguments) return 1;
+
+  // How the children start and how many run at once, settled before anything
+  // is made: a setting that cannot be used ends the run here, with one line.
+  std::string launchError;
+  const std::unique_ptr<Launcher> launcher = ChooseLauncher(
+      ThisProcessLaunchEnvironment(ExtractaViewGenerator::DefaultConcurrencyLimit()), launchError);
+  if (!launcher) {
+    std::cerr << launchError << "\n";
+    return 1;
+  }
+
   // Forked while this is the only thread; before the handlers, so that the
-  // watchdog inherits none of them.
-  StartChildWatchdog();
+  // watchdog inherits none of them. It also ends what a farm engine holds of
+  // the children's tasks when this program is killed.
+  StartChildWatchdog(launcher->leftoverCommand());
   VeltReturnLargeBlocksAtOnce();
   InstallInterruptHandlers();
   // A write past the file size limit (a quota, a full volume set up as a
   // limit) must fail like any other failed write, so that the run ends
   // through its failure path and removes its working directory.
   VeltFailWritesPastSizeLimit();
-
-  const CommandLine options = ScanCommandLine(argc, argv);
-  if (!options.enoughArguments) return 1;
 
   try {
     const fs::path designPath = fs::u8path(argv[argc - 2]);
@@ -140,11 +157,13 @@ int main(int argc, char** argv) {
     // extracta runs inside the working directory, so every path it is handed
     // must hold from there: relative paths are resolved against this
     // program's directory before the run begins.
-    return RunExtraction(options, Absolute(designPath), Absolute(outputPath));
+    return RunExtraction(options, *launcher, Absolute(designPath), Absolute(outputPath));
   } catch (const std::exception& e) {
     // Unwinding has ended the children and removed the working directory.
+    launcher->endLeftovers();
     std::cerr << e.what() << "\n";
   } catch (...) {
+    launcher->endLeftovers();
     std::cerr << "the run ended on an unknown failure\n";
   }
   return 1;

@@ -151,7 +151,7 @@ bool ExtractaExecutor::createExtractaViews(const AString& designFile, const AStr
   CollectViewFiles(views, workingDir, produced);
   try {
     ExtractaViewGenerator::runExtracta(LongFileName(designFile), controlFile, generatorOption,
-                                       produced, workingDir, &reports);
+                                       produced, workingDir, &reports, launcher);
     for (const ActiveView& view : produced) requireViewFile(view.path);
   } catch (const std::exception& e) {
     errorMessage = AString("extracta run failed: ") + AString(e.what());

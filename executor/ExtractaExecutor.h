@@ -15,6 +15,7 @@
 #include "views/ViewTypes.h"
 
 class BackgroundPacker;
+class Launcher;
 
 class ExtractaExecutor {
  public:
@@ -46,6 +47,12 @@ class ExtractaExecutor {
   // Tells `observer` (the caller's status line) how the run's children and
   // steps go; it must outlive the executor's operations.
   void reportTo(RunObserver* observer) { reports.add(observer); }
+
+  // Starts every extracta child through `launcher` (a farm engine's, or a
+  // command prefix), which also gives the number of children that run at
+  // once; it must outlive the executor's operations. Without one the
+  // children run on this machine.
+  void launchThrough(const Launcher* launcher) { this->launcher = launcher; }
 
   // Packaging, from the working directory's listing.
   bool addFilesToWorkingDir(const std::vector<AString>& files);
@@ -79,4 +86,5 @@ class ExtractaExecutor {
   std::vector<std::string> placedPieces;
   // Every generator and runExtracta reports here: to the caller and the packer.
   RunReports reports;
+  const Launcher* launcher = nullptr;
 };

@@ -43,7 +43,10 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
                                                            const ViewSet& views,
                                                            const std::vector<AString>& nets,
                                                            std::vector<ActiveView>& activeViews) {
-  ExtractaViewGenerator::maxConcurrentExtractas = ExtractaViewGenerator::DefaultConcurrencyLimit();
+  // The slots the launcher was given (a farm job's allocation), else half the
+  // threads this process may use.
+  ExtractaViewGenerator::maxConcurrentExtractas =
+      launcher ? launcher->slots() : ExtractaViewGenerator::DefaultConcurrencyLimit();
   VelDebug(1, L"*createExtractaControlFileAndViewsMP: workingdir %s\n",
            workingDir.FilePath().c_str());
 
@@ -59,13 +62,13 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
       if (type == kConn) continue;
       otherGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
           design, ExtractaViewDef(type, nets, false), workingDir, generatorOption, AString(),
-          &reports));
+          &reports, launcher));
     }
 
     if (views.Contains(kConn)) {
       {
         ExtractaViewGenerator survey(design, ExtractaViewDef::MakeNetListDef(nets), workingDir,
-                                     generatorOption, AString(L"nets"), &reports);
+                                     generatorOption, AString(L"nets"), &reports, launcher);
         // Counted while extracta writes it: once the child has ended only the
         // last part is left to read.
         NetRecordCounts counts;
@@ -83,11 +86,11 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         // while the split runs go on, instead of after the last child.
         const GeneratorPtr remainder = boost::make_shared<ExtractaViewGenerator>(
             design, ExtractaViewDef(kConn, plan.splitNets, true), workingDir, generatorOption,
-            AString(L"remainder"), &reports);
+            AString(L"remainder"), &reports, launcher);
         for (const SplitRun& run : plan.runs) {
           connGenerators.push_back(boost::make_shared<ExtractaViewGenerator>(
               design, ExtractaViewDef::MakeNetClassDef(run.net, run.classes), workingDir,
-              generatorOption, run.name, &reports));
+              generatorOption, run.name, &reports, launcher));
         }
         connGenerators.push_back(remainder);
       }

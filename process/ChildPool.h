@@ -4,10 +4,15 @@
 // strictly first in, first out. Children are only reaped, and waiting ones only
 // started, while some wait polls: single-threaded, no locks.
 //
+// Each running child holds a slot, 0 to limit - 1: a child starts on the
+// lowest slot no running child holds, so that a launcher can place it (a
+// slot is a CPU of a farm job's node). The pool knows nothing of where.
+//
 // The pool is a view onto queues that live elsewhere (the generators' process-
 // wide ones, or a test's), holding non-owning pointers. A Child offers
-//   void start();          starts its process; throws on failure
-//   bool checkFinished();  true while its process runs; throws when it failed
+//   void start(uint32_t slot);  starts its process on the slot; throws on failure
+//   uint32_t slot() const;      the slot it was started on
+//   bool checkFinished();       true while its process runs; throws when it failed
 // and leaves both queues itself when it is destroyed.
 
 #include <algorithm>
@@ -29,7 +34,7 @@ class ChildPool {
   void startOrQueue(Child& child) {
     if (running_.size() < limit_) {
       Remove(waiting_, &child);
-      child.start();
+      child.start(FreeSlot());
       running_.push_back(&child);
     } else {
       waiting_.push_back(&child);
@@ -73,6 +78,13 @@ class ChildPool {
   }
 
  private:
+  uint32_t FreeSlot() const {
+    for (uint32_t slot = 0;; ++slot) {
+      const auto held = [slot](const Child* child) { return child->slot() == slot; };
+      if (std::none_of(running_.begin(), running_.end(), held)) return slot;
+    }
+  }
+
   static void Remove(Queue& queue, Child* child) {
     queue.erase(std::remove(queue.begin(), queue.end(), child), queue.end());
   }

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "core/Process.h"
 #include "core/VelDebug.h"
 
 AString extractaExecutableName() {
@@ -19,20 +20,7 @@ AString quotedPath(const LongFileName& file) {
   // Windows path holds no quote, but a POSIX one may, and a path ending in a
   // backslash would swallow its closing quote: both are escaped, so the child
   // gets every path back as it is. Any other path is only wrapped in quotes.
-  std::wstring quoted = L"\"";
-  std::size_t backslashes = 0;
-  for (const wchar_t c : file.FilePath().wstr()) {
-    if (c == L'\\') {
-      ++backslashes;
-      continue;
-    }
-    quoted.append(c == L'"' ? 2 * backslashes + 1 : backslashes, L'\\');
-    quoted += c;
-    backslashes = 0;
-  }
-  quoted.append(2 * backslashes, L'\\');
-  quoted += L'"';
-  return AString(std::move(quoted));
+  return AString(VeltQuoteArgument(VEL_ANSI(file.FilePath()), true));
 }
 
 std::vector<AString> buildExtractaArguments(const LongFileName& first, const LongFileName& second,

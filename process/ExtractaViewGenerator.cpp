@@ -56,6 +56,34 @@ void EndChild(VeltProcessHandle handle) {
              VeltProcessId(handle));
 }
 
+// The command that starts the child through the launcher, as VeltCreateProcess
+// takes it: the launcher's program, then every word quoted so that it is
+// split back whole. The extractor is looked up here, as it would be for a
+// child of this machine: the node runs the program found, by its full path
+// on the file system every node sees. 0, or the lookup's error code (the
+// program then named in argv[0]).
+int LaunchedCommand(const Launcher& launcher, uint32_t slot, const AString& executable,
+                    const std::vector<AString>& arguments, std::vector<AString>& argv) {
+  AString program;
+  const int lookup = VeltFindProgram(executable, program);
+  if (lookup != 0) {
+    argv = {executable};
+    return lookup;
+  }
+  std::string line;
+  for (const AString& argument : arguments) line += (line.empty() ? "" : " ") + VEL_ANSI(argument);
+  std::vector<std::string> command{VEL_ANSI(program)};
+  for (std::string& word : VeltSplitCommandLine(line)) command.push_back(std::move(word));
+  const std::vector<std::string> words = launcher.commandOn(slot, command);
+  argv = {AString(words[0])};
+  for (std::size_t i = 1; i < words.size(); ++i) argv.emplace_back(VeltQuoteArgument(words[i]));
+  AString launched = argv[0];
+  for (std::size_t i = 1; i < argv.size(); ++i) launched = launched + AString(" ") + argv[i];
+  VelDebug(1, L"*StartChildProcess: through %s: %s \n", AString(launcher.kind()).c_str(),
+           launched.c_str());
+  return 0;
+}
+
 // The pipe reader's status: the child's output is then incomplete, which only
 // its exit-code message would show.
 void TraceDrain(int status, const AString& processName) {
@@ -78,8 +106,13 @@ uint32_t ExtractaViewGenerator::DefaultConcurrencyLimit() {
 ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
                                              const ExtractaViewDef& viewDef,
                                              const LongFileName& workingDir, bool generatorOption,
-                                             const AString& name, RunObserver* observer)
-    : viewType(viewDef.viewType), name(name), workingDir(workingDir), observer(observer) {
+                                             const AString& name, RunObserver* observer,
+                                             const Launcher* launcher)
+    : viewType(viewDef.viewType),
+      name(name),
+      workingDir(workingDir),
+      observer(observer),
+      launcher(launcher) {
   // Without a pipe the child cannot start: its start reports the failure.
   if (!pipe.CreatePipe()) VelDebug(1, L"*ExtractaViewGenerator: CreatePipe failed\n");
   try {
@@ -124,7 +157,9 @@ ExtractaViewGenerator::~ExtractaViewGenerator() {
 VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& executable,
                                                            const std::vector<AString>& arguments,
                                                            const LongFileName& workingDir,
-                                                           VeltPipeHandle pipeWriteEnd) {
+                                                           VeltPipeHandle pipeWriteEnd,
+                                                           const Launcher* launcher,
+                                                           uint32_t slot) {
   // No child starts after an interrupt: the handler has ended the others.
   ThrowIfInterrupted();
   std::vector<AString> argv{executable};
@@ -133,18 +168,28 @@ VeltProcessHandle ExtractaViewGenerator::StartChildProcess(const AString& execut
   for (const AString& argument : arguments) commandLine = commandLine + AString(" ") + argument;
   VelDebug(1, L"*StartChildProcess: %s \n", commandLine.c_str());
 
+  unsigned flags = 0;
+  AString program = executable;
+  int result = 0;
+  if (launcher && *launcher->kind()) {
+    result = LaunchedCommand(*launcher, slot, executable, arguments, argv);
+    program = argv[0];
+    if (launcher->endSignal() != 0) flags = VeltEndRequestFlags(launcher->endSignal());
+  }
+
   VeltProcessHandle handle = nullptr;
   // All thirteen parameters: the process-creation service's established
   // interface has them; only the ones that matter here carry meaning.
-  const int result = VeltCreateProcess(AString(), argv.data(), static_cast<int>(argv.size()),
-                                       handle, workingDir.FilePath(), nullptr, nullptr,
-                                       pipeWriteEnd, 0, false, true, true, 0);
+  if (result == 0)
+    result = VeltCreateProcess(AString(), argv.data(), static_cast<int>(argv.size()), handle,
+                               workingDir.FilePath(), nullptr, nullptr, pipeWriteEnd, flags, false,
+                               true, true, 0);
   if (result == 0) return handle;
 
   VelDebug(1, L"*StartChildProcess: VelCreateProcess result = %d \n", result);
   if (result == kVeltErrorNotFound)
     throw ExtractaParserException(
-        AString("CreateProcess failed with error 2: Could not find application ") + executable);
+        AString("CreateProcess failed with error 2: Could not find application ") + program);
   const AString systemText(VeltFormatSystemMessage(result));
   AString message;
   message.Format(L"CreateProcess failed with error %d: %s", result, systemText.c_str());
@@ -180,12 +225,14 @@ bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AStri
 
 void ExtractaViewGenerator::runAndWait(const AString& executable,
                                        const std::vector<AString>& arguments,
-                                       const LongFileName& workingDir, RunObserver* observer) {
+                                       const LongFileName& workingDir, RunObserver* observer,
+                                       const Launcher* launcher) {
   CPipe pipe;
   if (!pipe.CreatePipe()) VelDebug(1, L"*runAndWait: CreatePipe failed\n");
   AString output;
+  // Outside the pool, on its first slot: nothing else runs meanwhile.
   VeltProcessHandle handle =
-      StartChildProcess(executable, arguments, workingDir, pipe.WriteHandle());
+      StartChildProcess(executable, arguments, workingDir, pipe.WriteHandle(), launcher, 0);
   if (observer) observer->childStarted(false);
   try {
     // The same waits as the pool's children, outside the pool: the pool is
@@ -208,12 +255,13 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
 void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
                                         const LongFileName& controlFile, bool generatorOption,
                                         const std::vector<ActiveView>& views,
-                                        const LongFileName& workingDir, RunObserver* observer) {
+                                        const LongFileName& workingDir, RunObserver* observer,
+                                        const Launcher* launcher) {
   std::vector<LongFileName> files;
   for (const ActiveView& view : views) files.emplace_back(view.path);
   runAndWait(extractaExecutableName(),
              buildExtractaArguments(designFile, controlFile, generatorOption, files), workingDir,
-             observer);
+             observer, launcher);
 }
 
 void ExtractaViewGenerator::startOrQueue() {
@@ -223,9 +271,10 @@ void ExtractaViewGenerator::startOrQueue() {
   if (observer) observer->childQueued();
 }
 
-void ExtractaViewGenerator::start() {
-  processHandle =
-      StartChildProcess(extractaExecutableName(), arguments, workingDir, pipe.WriteHandle());
+void ExtractaViewGenerator::start(uint32_t slot) {
+  slot_ = slot;
+  processHandle = StartChildProcess(extractaExecutableName(), arguments, workingDir,
+                                    pipe.WriteHandle(), launcher, slot);
   if (observer) {
     observer->childStarted(queued);
     observer->viewStarted(ActiveView{viewType, outputFile.FilePath()});

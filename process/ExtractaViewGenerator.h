@@ -21,6 +21,7 @@
 #include "core/Pipe.h"
 #include "core/Process.h"
 #include "process/ChildPool.h"
+#include "process/Launcher.h"
 #include "process/RunObserver.h"
 #include "views/ExtractaViewDef.h"
 #include "views/ViewTypes.h"
@@ -29,10 +30,11 @@ class ExtractaViewGenerator {
  public:
   // Writes the control file, then starts the child or queues the generator.
   // Throws ExtractaParserException on failure. `observer` (may be null) is
-  // told of this child's start and end and of its finished view file.
+  // told of this child's start and end and of its finished view file;
+  // `launcher` (null: this machine) starts the child on its slot.
   ExtractaViewGenerator(const LongFileName& designFile, const ExtractaViewDef& viewDef,
                         const LongFileName& workingDir, bool generatorOption, const AString& name,
-                        RunObserver* observer = nullptr);
+                        RunObserver* observer = nullptr, const Launcher* launcher = nullptr);
   ~ExtractaViewGenerator();
   ExtractaViewGenerator(const ExtractaViewGenerator&) = delete;
   ExtractaViewGenerator& operator=(const ExtractaViewGenerator&) = delete;
@@ -48,7 +50,8 @@ class ExtractaViewGenerator {
   // order of the control file's blocks. Throws on failure.
   static void runExtracta(const LongFileName& designFile, const LongFileName& controlFile,
                           bool generatorOption, const std::vector<ActiveView>& views,
-                          const LongFileName& workingDir, RunObserver* observer = nullptr);
+                          const LongFileName& workingDir, RunObserver* observer = nullptr,
+                          const Launcher* launcher = nullptr);
 
   // The most children started through generators that run at once. Process-
   // wide like the queues below: the program's established interface has them.
@@ -62,6 +65,8 @@ class ExtractaViewGenerator {
   static std::size_t runningCount() { return runningGenerators.size(); }
   static std::size_t waitingCount() { return waitingGenerators.size(); }
   VeltProcessHandle childProcess() const { return processHandle; }
+  // The pool's slot the child runs on (while it runs).
+  uint32_t slot() const { return slot_; }
   // Where the child writes its view file.
   AString outputPath() const { return outputFile.FilePath(); }
 
@@ -70,18 +75,21 @@ class ExtractaViewGenerator {
   using Pool = ChildPool<ExtractaViewGenerator>;
   static Pool pool() { return Pool(waitingGenerators, runningGenerators, maxConcurrentExtractas); }
 
+  // Through the launcher (if any) on the slot.
   static VeltProcessHandle StartChildProcess(const AString& executable,
                                              const std::vector<AString>& arguments,
                                              const LongFileName& workingDir,
-                                             VeltPipeHandle pipeWriteEnd);
+                                             VeltPipeHandle pipeWriteEnd,
+                                             const Launcher* launcher = nullptr, uint32_t slot = 0);
   static bool ProcessRunning(VeltProcessHandle handle, const AString& processName,
                              VeltPipeHandle readEnd, AString& output);
   static void runAndWait(const AString& executable, const std::vector<AString>& arguments,
-                         const LongFileName& workingDir, RunObserver* observer);
+                         const LongFileName& workingDir, RunObserver* observer,
+                         const Launcher* launcher);
 
   void startOrQueue();
-  // For the pool: starts this generator's child.
-  void start();
+  // For the pool: starts this generator's child on the slot.
+  void start(uint32_t slot);
   bool checkFinished();
 
   // The pool: generators waiting for room, first in first out, and those
@@ -99,5 +107,7 @@ class ExtractaViewGenerator {
   AString output;  // everything the child printed so far
   std::vector<AString> arguments;
   RunObserver* observer;
+  const Launcher* launcher;
+  uint32_t slot_ = 0;
   bool queued = false;  // waited for room before its child started
 };
