@@ -86,5 +86,6 @@ class FaultMatrix : public ::testing::Test {
 using ExtractorFaults = FaultMatrix;
 using FileSystemFaults = FaultMatrix;
 using NameFaults = FaultMatrix;
+using LaunchFaults = FaultMatrix;
 
 }  // namespace veltest

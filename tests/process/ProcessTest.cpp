@@ -243,34 +243,42 @@ TEST_F(GeneratorTest, FailingChildrenReportEverythingTheyPrinted) {
 struct CountedChild {
   int passes, id;
   std::vector<int>* started;
-  void start() {
+  std::vector<uint32_t>* slots;
+  uint32_t held = 0;
+  void start(uint32_t slot) {
     if (passes < 0) throw ExtractaParserException("start failed");
     started->push_back(id);
+    slots->push_back(slot);
+    held = slot;
   }
+  uint32_t slot() const { return held; }
   bool checkFinished() { return passes-- > 0; }
 };
 
 // Waiting for the last child drives them all, started in arrival order within
-// the limit, and reaps who ended; a failed start ends the wait, its child left
-// in neither queue.
+// the limit, each on the lowest slot free, and reaps who ended; a failed start
+// ends the wait, its child left in neither queue.
 TEST(GeneratorPool, StartsInArrivalOrderWithinTheLimit) {
   const struct {
     uint32_t limit;
     std::vector<int> passes, started;
+    std::vector<uint32_t> slots;
     std::size_t mostRunning, leftInQueues;
   } cases[] = {
-      {1, {2, 0, 1}, {0, 1, 2}, 1, 0},
-      {2, {3, 0, 0, 5, 0}, {0, 1, 2, 3, 4}, 2, 1},
-      {3, {1, 1}, {0, 1}, 2, 1},
-      {1, {0, -1, 0}, {0}, 1, 1},
+      {1, {2, 0, 1}, {0, 1, 2}, {0, 0, 0}, 1, 0},
+      {2, {3, 0, 0, 5, 0}, {0, 1, 2, 3, 4}, {0, 1, 1, 1, 0}, 2, 1},
+      {3, {1, 1}, {0, 1}, {0, 1}, 2, 1},
+      {3, {4, 0, 9, 0}, {0, 1, 2, 3}, {0, 1, 2, 1}, 3, 2},
+      {1, {0, -1, 0}, {0}, {0}, 1, 1},
   };
   for (const auto& c : cases) {
     ChildPool<CountedChild>::Queue waiting, running;
     ChildPool<CountedChild> pool(waiting, running, c.limit);
     std::vector<int> started;
+    std::vector<uint32_t> slots;
     std::vector<CountedChild> children;
     for (int passes : c.passes)
-      children.push_back({passes, static_cast<int>(children.size()), &started});
+      children.push_back({passes, static_cast<int>(children.size()), &started, &slots});
     for (CountedChild& child : children) pool.startOrQueue(child);
     std::size_t most = running.size();
     const auto wait = [&] {
@@ -282,6 +290,7 @@ TEST(GeneratorPool, StartsInArrivalOrderWithinTheLimit) {
     else
       wait();
     EXPECT_EQ(started, c.started) << c.limit;
+    EXPECT_EQ(slots, c.slots) << c.limit;
     EXPECT_EQ(most, c.mostRunning) << c.limit;
     EXPECT_EQ(waiting.size() + running.size(), c.leftInQueues) << c.limit;
   }

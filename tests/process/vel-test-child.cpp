@@ -5,6 +5,8 @@
 //   say=TEXT     print TEXT (no line end added) on standard output
 //   sleep=MS     sleep MS milliseconds
 //   exit=N       end with exit code N once the list is done (default 0)
+//   run=N        run argv[N] with the arguments after it, as a launcher
+//                would, and end with its exit code
 // A record line, one append so that children sharing a file do not mix
 // them, is fields each ended by a tab:
 //   cwd  stdin-target  open-fds ("0,1,2")  argv[0]  argv[1] ...
@@ -55,6 +57,10 @@ int main(int argc, char** argv) {
       std::this_thread::sleep_for(std::chrono::milliseconds(std::atoll(value.c_str())));
     } else if (key == "exit") {
       exitCode = std::atoi(value.c_str());
+    } else if (key == "run") {
+      const int first = std::atoi(value.c_str());
+      if (first <= 0 || first >= argc) return 125;
+      return veltest::RunCommand(argv + first);
     }
   }
   return exitCode;

@@ -5,6 +5,7 @@
 #include <tlhelp32.h>
 
 #include "tests/support/Internal.h"
+#include "tests/support/PlatformHelpers.h"
 
 namespace veltest {
 
@@ -17,23 +18,6 @@ namespace {
 
 std::wstring Wide(const std::string& text) { return fs::u8path(text).wstring(); }
 std::string Narrow(const std::wstring& text) { return fs::path(text).u8string(); }
-
-// One argument as the C runtime splits a command line again: in quotes, with
-// the backslashes before a quote (or the closing one) doubled.
-std::wstring Quoted(const std::wstring& arg) {
-  std::wstring quoted = L"\"";
-  std::size_t slashes = 0;
-  for (const wchar_t c : arg) {
-    if (c == L'\\') {
-      ++slashes;
-      continue;
-    }
-    quoted.append(c == L'"' ? 2 * slashes + 1 : slashes, L'\\');
-    quoted += c;
-    slashes = 0;
-  }
-  return quoted.append(2 * slashes, L'\\') + L"\"";
-}
 
 HANDLE OpenInheritable(const std::string& path, DWORD access, DWORD disposition) {
   SECURITY_ATTRIBUTES attributes = {sizeof attributes, nullptr, TRUE};
@@ -50,7 +34,8 @@ Started StartProgram(const std::vector<std::string>& argv, const RunOptions& opt
   std::wstring environment, command;
   for (const auto& [name, text] : Environment(options)) environment += Wide(text) + L'\0';
   environment += L'\0';
-  for (const std::string& arg : argv) command += (command.empty() ? L"" : L" ") + Quoted(Wide(arg));
+  for (const std::string& arg : argv)
+    command += (command.empty() ? L"" : L" ") + QuotedForCommandLine(Wide(arg));
   HANDLE streams[] = {OpenInheritable("NUL", GENERIC_READ, OPEN_EXISTING),
                       OpenInheritable(outFile, GENERIC_WRITE, CREATE_ALWAYS),
                       OpenInheritable(errFile, GENERIC_WRITE, CREATE_ALWAYS)};

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <string>
 
 #ifdef _WIN32
 #include <fcntl.h>
@@ -46,6 +47,46 @@ std::string ChildStreams() {
 
 void UseBinaryStandardOutput() { _setmode(1, _O_BINARY); }
 
+std::wstring QuotedForCommandLine(const std::wstring& argument) {
+  std::wstring quoted = L"\"";
+  std::size_t slashes = 0;
+  for (const wchar_t c : argument) {
+    if (c == L'\\') {
+      ++slashes;
+      continue;
+    }
+    quoted.append(c == L'"' ? 2 * slashes + 1 : slashes, L'\\');
+    quoted += c;
+    slashes = 0;
+  }
+  return quoted.append(2 * slashes, L'\\') + L"\"";
+}
+
+int RunCommand(char** argv) {
+  // Narrow texts are UTF-8 (the manifest's code page).
+  std::wstring line;
+  for (char** argument = argv; *argument; ++argument) {
+    const std::string narrow = *argument;
+    std::wstring wide(
+        MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), nullptr, 0),
+        L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, narrow.data(), static_cast<int>(narrow.size()), &wide[0],
+                        static_cast<int>(wide.size()));
+    line += (line.empty() ? L"" : L" ") + QuotedForCommandLine(wide);
+  }
+  STARTUPINFOW startup = {sizeof startup};
+  PROCESS_INFORMATION started = {};
+  if (!CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                      &started))
+    return -1;
+  WaitForSingleObject(started.hProcess, INFINITE);
+  DWORD code = 1;
+  GetExitCodeProcess(started.hProcess, &code);
+  CloseHandle(started.hProcess);
+  CloseHandle(started.hThread);
+  return static_cast<int>(code);
+}
+
 #else
 
 bool WriteToPipe(std::intptr_t pipe, const std::string& bytes) {
@@ -72,6 +113,11 @@ std::string ChildStreams() {
 }
 
 void UseBinaryStandardOutput() {}
+
+int RunCommand(char** argv) {
+  execv(argv[0], argv);
+  return -1;
+}
 
 #endif
 

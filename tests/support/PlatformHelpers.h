@@ -25,4 +25,15 @@ void SetKernelCopyError(int error);
 std::string ChildStreams();
 void UseBinaryStandardOutput();
 
+#ifdef _WIN32
+// One argument as the C runtime splits a command line again: in quotes, with
+// the backslashes before a quote (or the closing one) doubled.
+std::wstring QuotedForCommandLine(const std::wstring& argument);
+#endif
+
+// For the test child standing in for a launcher: runs the program argv[0]
+// (a full path) with the arguments after it, as they are, and returns its exit
+// code (on POSIX it takes this process's place); -1 when it cannot start.
+int RunCommand(char** argv);
+
 }  // namespace veltest
