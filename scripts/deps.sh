@@ -11,6 +11,10 @@ packages=(
   clang libclang-rt-14-dev
   zip unzip python3 procps util-linux bsdutils
   p7zip-full libarchive-tools
+  # The farm engines the tests start: a two-node Slurm cluster and a Grid
+  # Engine cell on this machine.
+  slurm-wlm munge
+  gridengine-master gridengine-exec gridengine-client
 )
 
 missing=()
