@@ -18,6 +18,10 @@ namespace {
 
 using namespace veltest;
 
+std::string ReadIfThere(const std::string& path) {
+  return PathExists(path) ? ReadFile(path) : std::string();
+}
+
 constexpr char kFixedDate[] = "Mon Jan  5 09:00:00 2026";
 // The first four children (layer, pad definitions, full geometry, die
 // stacks) take long enough to run side by side however slowly the engine
@@ -110,11 +114,14 @@ TEST_F(GridEngineJob, DeletedJobLeavesNoProcess) {
   ASSERT_TRUE(std::regex_search(queued.out, id, std::regex("job (\\d+)"))) << queued.out;
   // Four children started: each child has recorded its place.
   const auto started = [&] {
-    const std::string log = PathExists(dir / "placed.log") ? ReadFile(dir / "placed.log") : "";
+    const std::string log = ReadIfThere(dir / "placed.log");
     return std::count(log.begin(), log.end(), '\n');
   };
-  ASSERT_TRUE(PollUntil([&] { return started() >= 4; }, 60))
-      << ::testing::PrintToString(MarkedProcesses(mark));
+  const auto state = [&] {
+    return RunProgram({"/usr/bin/qstat", "-j", id[1]}).out + ReadIfThere(dir / "job.err") +
+           ReadIfThere(dir / "err") + ::testing::PrintToString(MarkedProcesses(mark));
+  };
+  ASSERT_TRUE(PollUntil([&] { return started() >= 4; }, 120)) << state();
   RunProgram({"/usr/bin/qdel", id[1]});
   EXPECT_TRUE(PollUntil([&] { return MarkedProcesses(mark).empty(); }, 10))
       << ::testing::PrintToString(MarkedProcesses(mark));

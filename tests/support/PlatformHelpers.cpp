@@ -74,7 +74,8 @@ int RunCommand(char** argv) {
                         static_cast<int>(wide.size()));
     line += (line.empty() ? L"" : L" ") + QuotedForCommandLine(wide);
   }
-  STARTUPINFOW startup = {sizeof startup};
+  STARTUPINFOW startup = {};
+  startup.cb = sizeof startup;
   PROCESS_INFORMATION started = {};
   if (!CreateProcessW(nullptr, &line[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
                       &started))
