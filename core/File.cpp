@@ -1,9 +1,15 @@
 #include "core/File.h"
 
+#include <filesystem>
+#include <random>
+#include <sstream>
 #include <vector>
 
 #include "core/SystemCalls.h"
 #include "core/VelDebug.h"
+#include "core/Watchdog.h"
+
+namespace fs = std::filesystem;
 
 bool VeltOutputFile::CopyInPieces(VeltInputFile& input, std::uint64_t& copied) {
   std::vector<char> buffer(1 << 20);
@@ -19,27 +25,69 @@ bool VeltOutputFile::CopyInPieces(VeltInputFile& input, std::uint64_t& copied) {
   }
 }
 
-bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
-                          std::string& error) {
-  const auto reason = [](const std::string& what, const std::string& name) {
-    return what + " " + name + ": " + velt_system::LastErrorText();
-  };
-  std::string temporary;
-  std::intptr_t handle = -1;
-  if (!velt_system::CreateBeside(path, temporary, handle)) {
-    error = reason("cannot create a temporary file for", path);
-    return false;
+std::string VeltFinalPath(const std::string& path) {
+  // A chain longer than the system's own limit (40 on Linux) is a loop: what
+  // is reached then is used, and the write fails where the system says so.
+  fs::path at = fs::u8path(path);
+  for (int link = 0; link < 40; ++link) {
+    std::error_code error;
+    if (!fs::is_symlink(fs::symlink_status(at, error))) break;
+    const fs::path target = fs::read_symlink(at, error);
+    if (error) break;
+    at = target.is_absolute() ? target : at.parent_path() / target;
   }
-  error.clear();
-  if (!velt_system::WriteDurably(handle, data, size)) error = reason("cannot write", path);
-  if (!velt_system::CloseFile(handle) && error.empty()) error = reason("cannot write", path);
-  if (error.empty() && !velt_system::MoveIntoPlace(temporary, path))
-    error = reason("cannot replace", path);
-  if (error.empty()) return true;
-  // The failure is reported already; a temporary file left beside the path
-  // is only traced.
-  if (!velt_system::RemoveFile(temporary))
-    VelDebug(1, L"*VeltWriteFileInPlace: cannot remove %s: %s\n", AString(temporary).wstr().c_str(),
-             AString(velt_system::LastErrorText()).wstr().c_str());
+  return at.u8string();
+}
+
+bool VeltFileInPlace::Create(const std::string& destination) {
+  Abandon();
+  destination_ = VeltFinalPath(destination);
+  std::random_device random;
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::ostringstream name;
+    name << destination_ << "." << std::hex << random() << ".tmp";
+    temporary_ = name.str();
+    // Told before it exists: killed the moment after, nothing stays.
+    VeltRemoveWhenKilled(temporary_);
+    if (file_.CreateNew(AString(temporary_))) return true;
+    error_ = file_.Error();
+    // Only a name that is taken is worth another try; a folder that cannot
+    // be written into or a full disk fails the same way every time.
+    const bool taken = VeltPathExists(AString(temporary_));
+    VeltForgetRemoval(temporary_);
+    temporary_.clear();
+    if (!taken) return false;
+  }
   return false;
 }
+
+bool VeltFileInPlace::Commit() {
+  if (temporary_.empty()) return false;
+  const bool written =
+      file_.TakePermissions(AString(destination_)) && file_.Sync() && file_.Close();
+  if (!written) {
+    error_ = file_.Error();
+    Abandon();
+    return false;
+  }
+  if (!velt_system::MoveIntoPlace(temporary_, destination_)) {
+    error_ = velt_system::LastError();
+    Abandon();
+    return false;
+  }
+  VeltForgetRemoval(temporary_);
+  temporary_.clear();
+  return true;
+}
+
+void VeltFileInPlace::Abandon() {
+  if (temporary_.empty()) return;
+  file_.Close();
+  if (!velt_system::RemoveFile(temporary_))
+    VelDebug(1, L"*VeltFileInPlace: cannot remove %s: %s\n", AString(temporary_).c_str(),
+             AString(velt_system::LastErrorText()).c_str());
+  VeltForgetRemoval(temporary_);
+  temporary_.clear();
+}
+
+std::string VeltFileInPlace::ErrorText() const { return velt_system::ErrorText(Error()); }

@@ -14,6 +14,22 @@
 
 #include "core/AString.h"
 
+// True where a file that is open for reading can still be replaced by
+// renaming another file onto it (POSIX). On Windows a reader in the way makes
+// the writer's rename fail, so a file an extractor may rename into place is
+// read only once its writer has ended.
+extern const bool kVeltOpenFilesCanBeReplaced;
+
+// What tells one file from another (its volume and its number there), and
+// its size: a file renamed onto a path is another file than the one opened
+// there before.
+struct VeltFileId {
+  std::uint64_t volume = 0, index = 0, size = 0;
+  bool SameFile(const VeltFileId& other) const {
+    return volume == other.volume && index == other.index;
+  }
+};
+
 // A file read from its start; closed with the object.
 class VeltInputFile {
  public:
@@ -31,6 +47,9 @@ class VeltInputFile {
 
   int Error() const { return error_; }
 
+  // The open file's identity and size now.
+  bool Identify(VeltFileId& id) const;
+
  private:
   friend class VeltOutputFile;
   std::intptr_t handle_ = -1;
@@ -47,6 +66,8 @@ class VeltOutputFile {
   VeltOutputFile& operator=(const VeltOutputFile&) = delete;
 
   bool Create(const AString& path);
+  // Creates the file only where nothing is at the path yet.
+  bool CreateNew(const AString& path);
 
   // Writes all of the bytes; false when any could not be written.
   bool Write(const char* data, std::size_t size);
@@ -61,6 +82,14 @@ class VeltOutputFile {
   // take no room on a file system that can leave a hole. Later writes go
   // after them.
   bool Extend(std::uint64_t bytes);
+
+  // Moves the write position to `offset` from the start.
+  bool Seek(std::uint64_t offset);
+  // Has the system put what was written on the disk.
+  bool Sync();
+  // Gives the file the permissions of the file at `like` where there is one,
+  // else those a new file gets from the user (where the system has them).
+  bool TakePermissions(const AString& like);
 
   // Closes the file; false when the system reports a failed write only now.
   bool Close();
@@ -90,6 +119,46 @@ struct VeltFileInfo {
 // False when the path does not name anything that can be looked at.
 bool VeltFileStatus(const AString& path, VeltFileInfo& info);
 
+// False when the path cannot be looked at.
+bool VeltFileIdentity(const AString& path, VeltFileId& id);
+
+// The path a chain of symbolic links ends at (narrow text): `path` itself
+// when it is no link; what its last link names when that does not exist.
+std::string VeltFinalPath(const std::string& path);
+
+// A file written beside its destination and put in place whole: created
+// under a name of its own next to the destination (beside a link's final
+// target, so that the link stays a link), written and rewritten at will,
+// then renamed onto the destination, or removed. Should this program die on
+// the way, the watchdog removes it (core/Watchdog.h). An object destroyed
+// before Commit removes its file.
+class VeltFileInPlace {
+ public:
+  VeltFileInPlace() = default;
+  ~VeltFileInPlace() { Abandon(); }
+  VeltFileInPlace(const VeltFileInPlace&) = delete;
+  VeltFileInPlace& operator=(const VeltFileInPlace&) = delete;
+
+  bool Create(const std::string& destination);
+  bool Write(const void* data, std::size_t size) {
+    return file_.Write(static_cast<const char*>(data), size);
+  }
+  bool Seek(std::uint64_t offset) { return file_.Seek(offset); }
+  // Synced, closed, given the destination's permissions, renamed onto it.
+  bool Commit();
+  void Abandon();
+
+  // The system's code and reason for the last failure.
+  int Error() const { return error_ ? error_ : file_.Error(); }
+  std::string ErrorText() const;
+  const std::string& temporary() const { return temporary_; }
+
+ private:
+  std::string destination_, temporary_;
+  VeltOutputFile file_;
+  int error_ = 0;
+};
+
 // True when the path names an existing directory (a link to one counts).
 bool VeltIsDirectory(const AString& path);
 
@@ -111,13 +180,6 @@ std::string VeltCurrentDirectory();
 // True for a character that separates path elements ("/"; on Windows "\"
 // too).
 bool VeltIsPathSeparator(wchar_t c);
-
-// Puts a file holding exactly `size` bytes at `path` (narrow text), replacing
-// any file there: written beside it first and renamed into place, so that
-// readers see the old file or the whole new one. On failure the path is left
-// as it was and `error` says why.
-bool VeltWriteFileInPlace(const std::string& path, const void* data, std::size_t size,
-                          std::string& error);
 
 // An anonymous temporary file of the C runtime's, open for reading and
 // writing: removed when it is closed, or when the process ends however it

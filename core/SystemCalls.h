@@ -16,8 +16,9 @@ namespace velt_system {
 // The system's whole text for an error code, line ends and all.
 std::string ErrorText(int errorCode);
 
-// The system's text for the error the last failed file call left (errno; on
-// Windows GetLastError()).
+// The error the last failed file call left (errno; on Windows
+// GetLastError()), and its text.
+int LastError();
 std::string LastErrorText();
 
 // VeltCreateProcess once its arguments are checked: the same parameters, the
@@ -31,19 +32,6 @@ int StartProcess(const AString& applicationName, const AString* argv, int argc,
 
 // Closes one end of a pipe; false when the system reports a failure.
 bool ClosePipeEnd(VeltPipeHandle handle);
-
-// A new file beside `path` (narrow text), open for writing: its name in
-// `temporary`, its handle in `handle`. False when none can be created.
-bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle);
-
-// Writes all of the bytes and has the system put them on the disk; the file
-// gets the permissions a newly created file gets from the user. False on the
-// first step that fails.
-bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size);
-
-// Closes a file that CreateBeside opened; false when the system reports a
-// failed write only now.
-bool CloseFile(std::intptr_t handle);
 
 // Renames `from` to `to`, replacing a file there in one step.
 bool MoveIntoPlace(const std::string& from, const std::string& to);

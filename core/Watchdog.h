@@ -22,3 +22,13 @@
 // once the groups are ended after the program died: what a farm engine still
 // holds of the children's tasks is ended through the engine by it.
 void StartChildWatchdog(const std::vector<std::string>& lastCommand = {});
+
+// What this program made and must not leave behind: `path` (narrow text; a
+// file, or a directory with everything in it) is removed by the watchdog
+// when the program dies without saying goodbye, once its children are ended
+// and the last command has run. VeltForgetRemoval takes that back, once the
+// program has removed or delivered the path itself. Nothing without a
+// watchdog (on Windows a killed run's working directory is removed by the
+// next run on its base).
+void VeltRemoveWhenKilled(const std::string& path);
+void VeltForgetRemoval(const std::string& path);

@@ -322,7 +322,7 @@ void CZipArchive::Discard() {
 }
 
 void CZipArchive::WriteEmptyArchive() {
-  std::string error;
-  if (!VeltWriteFileInPlace(path_, kEmptyArchive, sizeof kEmptyArchive, error))
-    throw CZipException(error);
+  VeltFileInPlace file;
+  if (!file.Create(path_) || !file.Write(kEmptyArchive, sizeof kEmptyArchive) || !file.Commit())
+    throw CZipException("cannot write archive " + path_ + ": " + file.ErrorText());
 }

@@ -13,6 +13,8 @@
 
 #include "core/SystemCalls.h"
 
+const bool kVeltOpenFilesCanBeReplaced = true;
+
 namespace {
 
 // Large enough that one call copies a whole piece; the kernel splits it.
@@ -66,6 +68,34 @@ bool VeltOutputFile::Create(const AString& path) {
   error_ = fd < 0 ? errno : 0;
   handle_ = fd;
   return fd >= 0;
+}
+
+bool VeltOutputFile::CreateNew(const AString& path) {
+  CloseHandle(handle_);
+  const int fd = open(VEL_ANSI(path).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  error_ = fd < 0 ? errno : 0;
+  handle_ = fd;
+  return fd >= 0;
+}
+
+bool VeltOutputFile::Seek(std::uint64_t offset) {
+  if (lseek(Descriptor(handle_), static_cast<off_t>(offset), SEEK_SET) >= 0) return true;
+  error_ = errno;
+  return false;
+}
+
+bool VeltOutputFile::Sync() {
+  if (fsync(Descriptor(handle_)) == 0) return true;
+  error_ = errno;
+  return false;
+}
+
+bool VeltOutputFile::TakePermissions(const AString& like) {
+  struct stat st;
+  const mode_t mode = stat(VEL_ANSI(like).c_str(), &st) == 0 ? st.st_mode & 07777 : NewFileMode();
+  if (fchmod(Descriptor(handle_), mode) == 0) return true;
+  error_ = errno;
+  return false;
 }
 
 bool VeltOutputFile::Write(const char* data, std::size_t size) {
@@ -144,6 +174,22 @@ bool VeltFileStatus(const AString& path, VeltFileInfo& info) {
   return true;
 }
 
+bool VeltInputFile::Identify(VeltFileId& id) const {
+  struct stat st;
+  if (fstat(Descriptor(handle_), &st) != 0) return false;
+  id = {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+        static_cast<std::uint64_t>(st.st_size)};
+  return true;
+}
+
+bool VeltFileIdentity(const AString& path, VeltFileId& id) {
+  struct stat st;
+  if (stat(VEL_ANSI(path).c_str(), &st) != 0) return false;
+  id = {static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino),
+        static_cast<std::uint64_t>(st.st_size)};
+  return true;
+}
+
 bool VeltPathExists(const AString& path) {
   struct stat st;
   return stat(VEL_ANSI(path).c_str(), &st) == 0;
@@ -176,21 +222,8 @@ bool VeltSeekFile(std::FILE* file, std::uint64_t offset) {
 
 namespace velt_system {
 
+int LastError() { return errno; }
 std::string LastErrorText() { return std::strerror(errno); }
-
-bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle) {
-  temporary = path + ".XXXXXX";
-  handle = mkstemp(temporary.data());
-  return handle >= 0;
-}
-
-bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
-  const int fd = Descriptor(handle);
-  return fchmod(fd, NewFileMode()) == 0 && write(fd, data, size) == static_cast<ssize_t>(size) &&
-         fsync(fd) == 0;
-}
-
-bool CloseFile(std::intptr_t handle) { return close(Descriptor(handle)) == 0; }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {
   return rename(from.c_str(), to.c_str()) == 0;

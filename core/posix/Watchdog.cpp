@@ -13,6 +13,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 #include "core/Process.h"
@@ -20,29 +22,47 @@
 
 namespace {
 
-// One message per event, a kind, an end signal and a process group, small
-// enough that a send never splits it.
+// One message per event: a kind, an end signal and a number (a process
+// group, or the length of the path that follows), sent in one piece.
 constexpr std::size_t kMessageSize = 8;
 constexpr char kGroupStarted = 'g';
 constexpr char kGroupGone = 'r';
 constexpr char kGoodbye = 'q';
+constexpr char kRemoveWhenKilled = 'p';
+constexpr char kForgetRemoval = 'f';
 constexpr int kReadEveryMilliseconds = 100;
 
 // The program's end of the channel; -1 without a watchdog.
 std::atomic<int> channel{-1};
 pid_t watchdog = 0;
 
-void Send(char kind, pid_t group, int endSignal = 0) {
+void SendBytes(const char* bytes, std::size_t size) {
   const int end = channel.load();
   if (end < 0) return;
+  // A watchdog that is gone must not take the program with it (no SIGPIPE).
+  while (size > 0) {
+    const ssize_t sent = send(end, bytes, size, MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent <= 0) return;
+    bytes += sent;
+    size -= static_cast<std::size_t>(sent);
+  }
+}
+
+// Async-signal-safe: a child tells of its group between vfork and exec.
+void Send(char kind, pid_t group, int endSignal = 0) {
   char message[kMessageSize] = {kind, static_cast<char>(endSignal)};
   const int32_t value = group;
   std::memcpy(message + 4, &value, sizeof value);
-  // A watchdog that is gone must not take the program with it (no SIGPIPE).
-  ssize_t sent;
-  do {
-    sent = send(end, message, sizeof message, MSG_NOSIGNAL);
-  } while (sent < 0 && errno == EINTR);
+  SendBytes(message, sizeof message);
+}
+
+void SendPath(char kind, const std::string& path) {
+  std::string message(kMessageSize, '\0');
+  message[0] = kind;
+  const int32_t length = static_cast<int32_t>(path.size());
+  std::memcpy(&message[4], &length, sizeof length);
+  SendBytes((message + path).data(), kMessageSize + path.size());
 }
 
 struct KnownGroup {
@@ -75,8 +95,10 @@ void RunLastCommand() {
 // A farm's launcher is asked to end first, so that it cancels its task
 // through the engine; it had the same signal when the program died. Every
 // group is killed once those asked have ended, or after a bounded time; then
-// the last command ends what the engine still holds.
-[[noreturn]] void EndGroups(const std::vector<KnownGroup>& groups) {
+// the last command ends what the engine still holds, and once the children
+// are gone what the program left is removed.
+[[noreturn]] void EndGroups(const std::vector<KnownGroup>& groups,
+                            const std::vector<std::string>& paths) {
   bool asked = false;
   for (const KnownGroup& known : groups) {
     if (known.endSignal <= 0) continue;
@@ -91,6 +113,18 @@ void RunLastCommand() {
   }
   for (const KnownGroup& known : groups) kill(-known.group, SIGKILL);
   RunLastCommand();
+  // A killed child may still be writing into the working directory for a
+  // moment; its end is waited for (within a bound) before it is removed.
+  for (int waited = 0; waited < 1000; waited += 10) {
+    if (std::none_of(groups.begin(), groups.end(),
+                     [](const KnownGroup& known) { return GroupAlive(known.group); }))
+      break;
+    poll(nullptr, 0, 10);
+  }
+  for (const std::string& path : paths) {
+    std::error_code ignored;  // nobody is left to tell
+    std::filesystem::remove_all(path, ignored);
+  }
   _exit(0);
 }
 
@@ -104,29 +138,40 @@ void RunLastCommand() {
 [[noreturn]] void Watch(int end) {
   fcntl(end, F_SETFL, O_NONBLOCK);
   std::vector<KnownGroup> groups;
-  char message[kMessageSize];
-  std::size_t have = 0;
+  std::vector<std::string> paths;
+  std::string pending;
+  char block[4096];
   for (;;) {
     pollfd hangUp = {end, 0, 0};
     poll(&hangUp, 1, kReadEveryMilliseconds);
     ssize_t got;
-    while ((got = read(end, message + have, sizeof message - have)) > 0 ||
-           (got < 0 && errno == EINTR)) {
-      if (got < 0) continue;
-      have += static_cast<std::size_t>(got);
-      if (have < sizeof message) continue;
-      have = 0;
-      int32_t group = 0;
-      std::memcpy(&group, message + 4, sizeof group);
-      if (message[0] == kGoodbye) _exit(0);
-      if (message[0] == kGroupStarted && group > 0) groups.push_back({group, message[1]});
-      const auto known = std::find_if(groups.begin(), groups.end(),
-                                      [group](const KnownGroup& k) { return k.group == group; });
-      if (message[0] == kGroupGone && known != groups.end()) groups.erase(known);
+    while ((got = read(end, block, sizeof block)) > 0 || (got < 0 && errno == EINTR)) {
+      if (got > 0) pending.append(block, static_cast<std::size_t>(got));
     }
-    if (got == 0 || errno != EAGAIN) break;  // the program is gone
+    const bool gone = got == 0 || errno != EAGAIN;  // the program is gone
+    for (;;) {
+      if (pending.size() < kMessageSize) break;
+      int32_t value = 0;
+      std::memcpy(&value, &pending[4], sizeof value);
+      const char kind = pending[0];
+      const bool withPath = kind == kRemoveWhenKilled || kind == kForgetRemoval;
+      const std::size_t size = kMessageSize + (withPath && value > 0 ? value : 0);
+      if (pending.size() < size) break;
+      const std::string path = pending.substr(kMessageSize, size - kMessageSize);
+      const int endSignal = pending[1];
+      pending.erase(0, size);
+      if (kind == kGoodbye) _exit(0);
+      if (kind == kGroupStarted && value > 0) groups.push_back({value, endSignal});
+      const auto known = std::find_if(groups.begin(), groups.end(),
+                                      [value](const KnownGroup& k) { return k.group == value; });
+      if (kind == kGroupGone && known != groups.end()) groups.erase(known);
+      if (kind == kRemoveWhenKilled) paths.push_back(path);
+      const auto held = std::find(paths.begin(), paths.end(), path);
+      if (kind == kForgetRemoval && held != paths.end()) paths.erase(held);
+    }
+    if (gone) break;
   }
-  EndGroups(groups);
+  EndGroups(groups, paths);
 }
 
 // In the forked watchdog: nothing of the program may stay open in it (a
@@ -179,6 +224,10 @@ void StartChildWatchdog(const std::vector<std::string>& lastCommand) {
   channel.store(end);
   std::atexit(SayGoodbye);
 }
+
+void VeltRemoveWhenKilled(const std::string& path) { SendPath(kRemoveWhenKilled, path); }
+
+void VeltForgetRemoval(const std::string& path) { SendPath(kForgetRemoval, path); }
 
 void velt_posix::TellWatchdogGroupStarted(pid_t group, int endSignal) {
   Send(kGroupStarted, group, endSignal);

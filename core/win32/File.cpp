@@ -12,6 +12,8 @@
 #include "core/Process.h"
 #include "core/SystemCalls.h"
 
+const bool kVeltOpenFilesCanBeReplaced = false;
+
 namespace {
 
 // ReadFile and WriteFile count in 32 bits.
@@ -66,6 +68,29 @@ bool VeltOutputFile::Create(const AString& path) {
       ::Open(path, GENERIC_WRITE, FILE_SHARE_READ, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, error_);
   return handle_ != -1;
 }
+
+bool VeltOutputFile::CreateNew(const AString& path) {
+  CloseFileHandle(handle_);
+  handle_ = ::Open(path, GENERIC_WRITE, FILE_SHARE_READ, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, error_);
+  return handle_ != -1;
+}
+
+bool VeltOutputFile::Seek(std::uint64_t offset) {
+  LARGE_INTEGER to;
+  to.QuadPart = static_cast<LONGLONG>(offset);
+  if (SetFilePointerEx(Handle(handle_), to, nullptr, FILE_BEGIN)) return true;
+  error_ = static_cast<int>(GetLastError());
+  return false;
+}
+
+bool VeltOutputFile::Sync() {
+  if (FlushFileBuffers(Handle(handle_))) return true;
+  error_ = static_cast<int>(GetLastError());
+  return false;
+}
+
+// A new file gets what the folder it is in gives it.
+bool VeltOutputFile::TakePermissions(const AString&) { return true; }
 
 bool VeltOutputFile::Write(const char* data, std::size_t size) {
   while (size > 0) {
@@ -125,6 +150,30 @@ bool VeltFileStatus(const AString& path, VeltFileInfo& info) {
   return true;
 }
 
+namespace {
+
+bool IdentityOf(HANDLE file, VeltFileId& id) {
+  BY_HANDLE_FILE_INFORMATION info;
+  if (!GetFileInformationByHandle(file, &info)) return false;
+  id = {info.dwVolumeSerialNumber, (std::uint64_t(info.nFileIndexHigh) << 32) | info.nFileIndexLow,
+        (std::uint64_t(info.nFileSizeHigh) << 32) | info.nFileSizeLow};
+  return true;
+}
+
+}  // namespace
+
+bool VeltInputFile::Identify(VeltFileId& id) const { return IdentityOf(Handle(handle_), id); }
+
+bool VeltFileIdentity(const AString& path, VeltFileId& id) {
+  int error = 0;
+  std::intptr_t handle = ::Open(path, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, error);
+  if (handle == -1) return false;
+  const bool known = IdentityOf(Handle(handle), id);
+  CloseFileHandle(handle);
+  return known;
+}
+
 bool VeltPathExists(const AString& path) { return Attributes(path) != INVALID_FILE_ATTRIBUTES; }
 
 bool VeltCreateDirectory(const AString& path) {
@@ -179,24 +228,8 @@ bool VeltSeekFile(std::FILE* file, std::uint64_t offset) {
 
 namespace velt_system {
 
+int LastError() { return static_cast<int>(GetLastError()); }
 std::string LastErrorText() { return VeltFormatSystemMessage(static_cast<int>(GetLastError())); }
-
-bool CreateBeside(const std::string& path, std::string& temporary, std::intptr_t& handle) {
-  static std::atomic<unsigned> serial{0};
-  temporary =
-      path + "." + std::to_string(GetCurrentProcessId()) + "." + std::to_string(serial++) + ".tmp";
-  int error = 0;  // GetLastError() keeps it for LastErrorText
-  handle = ::Open(AString(temporary), GENERIC_WRITE, 0, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, error);
-  return handle != -1;
-}
-
-bool WriteDurably(std::intptr_t handle, const void* data, std::size_t size) {
-  DWORD written = 0;
-  return WriteFile(Handle(handle), data, static_cast<DWORD>(size), &written, nullptr) &&
-         written == size && FlushFileBuffers(Handle(handle));
-}
-
-bool CloseFile(std::intptr_t handle) { return CloseHandle(Handle(handle)) != 0; }
 
 bool MoveIntoPlace(const std::string& from, const std::string& to) {
   return MoveFileExW(AString(from).wstr().c_str(), AString(to).wstr().c_str(),
