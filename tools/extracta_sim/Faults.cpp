@@ -35,13 +35,16 @@ void ReadOutputModes(const char* text, FaultPlan& plan) {
       plan.writeNoOutput = true;
     } else if (mode == "truncate") {
       plan.truncateOutput = true;
+    } else if (mode == "rename" || mode == "rename-header") {
+      plan.renameOutput = true;
+      plan.headerPlaceholder = mode == "rename-header";
     } else if (mode == "lf") {
       plan.lfLineEnds = true;
     } else if (mode.compare(0, kDrop.size(), kDrop) == 0 && mode.size() > kDrop.size()) {
       plan.droppedFields.push_back(mode.substr(kDrop.size()));
     } else {
       throw FaultPlanError("EXTRACTA_SIM_OUTPUT: unknown mode '" + mode +
-                           "' (none, truncate, lf, drop-field:NAME)");
+                           "' (none, truncate, rename, rename-header, lf, drop-field:NAME)");
     }
     start = comma + 1;
   }

@@ -33,6 +33,11 @@ struct FaultPlan {
 
   bool writeNoOutput = false;
   bool truncateOutput = false;
+  // Each view is written under another name and renamed onto its output
+  // file when done; the output file holds a placeholder meanwhile (empty, or
+  // the view's two header lines).
+  bool renameOutput = false;
+  bool headerPlaceholder = false;
   bool lfLineEnds = false;
   std::vector<std::string> droppedFields;
 

@@ -126,6 +126,22 @@ class NullSink : public ByteSink {
   void write(std::string_view) override {}
 };
 
+// Passes on the view's first two lines (its header) and drops the rest.
+class HeaderSink : public ByteSink {
+ public:
+  explicit HeaderSink(ByteSink& to) : to_(to) {}
+  void write(std::string_view bytes) override {
+    for (std::size_t at = 0; at < bytes.size() && lines_ < 2; ++at) {
+      to_.write(bytes.substr(at, 1));
+      if (bytes[at] == '\n') ++lines_;
+    }
+  }
+
+ private:
+  ByteSink& to_;
+  int lines_ = 0;
+};
+
 const char* const kViewKeywords[] = {"LAYER",         "PAD_DEF",    "FULL_GEOMETRY", "CONNECTIVITY",
                                      "DIE_STACK_DEF", "NET",        "COMPONENT",     "GEOMETRY",
                                      "COMPOSITE_PAD", "LOGICAL_PIN"};
@@ -202,15 +218,37 @@ int Extract(const Arguments& args, const FaultPlan& plan, bool injected) {
     for (const CompiledView& view : views) ExtractView(view, job, style, sink, cost);
     return 0;
   }
+  // Written under another name and renamed into place: the output file is a
+  // placeholder until then.
+  const bool renamed = injected && plan.renameOutput;
+  const auto writtenAs = [&](std::size_t i) {
+    return renamed ? args.outputs[i] + ".writing" : args.outputs[i];
+  };
+  if (renamed) {
+    for (std::size_t i = 0; i < views.size(); ++i) {
+      veltools::FileWriter placeholder(args.outputs[i]);
+      FileSink sink(placeholder);
+      HeaderSink header(sink);
+      RecordCost free(0);
+      if (plan.headerPlaceholder) ExtractView(views[i], job, style, header, free);
+      placeholder.close();
+    }
+  }
   std::vector<std::unique_ptr<veltools::FileWriter>> files;
-  for (const std::string& output : args.outputs) {
-    files.push_back(std::make_unique<veltools::FileWriter>(output));
+  for (std::size_t i = 0; i < views.size(); ++i) {
+    files.push_back(std::make_unique<veltools::FileWriter>(writtenAs(i)));
   }
   for (std::size_t i = 0; i < views.size(); ++i) {
     FileSink sink(*files[i]);
     ExtractView(views[i], job, style, sink, cost);
     const std::uint64_t size = files[i]->bytesWritten();
     files[i]->close();
+    if (renamed) {
+      std::error_code error;
+      std::filesystem::rename(std::filesystem::u8path(writtenAs(i)),
+                              std::filesystem::u8path(args.outputs[i]), error);
+      if (error) throw std::runtime_error("cannot rename " + writtenAs(i) + ": " + error.message());
+    }
     if (injected && plan.truncateOutput) {
       std::error_code error;
       std::filesystem::resize_file(std::filesystem::u8path(args.outputs[i]), size / 2, error);
