@@ -102,6 +102,13 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs
   const bool packed = options.zip ? executor.zipActiveViews(outputText, filterExtension)
                                   : executor.moveActiveViews(outputText, filterExtension);
   progress.clear();
+  // Interrupted while packing: the archive was abandoned or the files put
+  // back, so nothing is delivered and the run ends as during extraction.
+  if (!packed && InterruptRequested()) {
+    VEL_ASSERT(!"view creation failed");
+    std::cerr << "view creation failed (1).\n";
+    return 1;
+  }
   std::cout << "VLX file written: " << PathValue(outputText) << "\n";
   if (!packed) {
     VEL_ASSERT(!"view zip or move failed");

@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "core/AString.h"
+#include "core/File.h"
 #include "core/Interrupt.h"
 #include "core/ThreadPriority.h"
 #include "core/UsableThreads.h"
@@ -92,6 +93,9 @@ std::string BackgroundPacker::Key(const std::string& path) {
 }
 
 void BackgroundPacker::viewStarted(const std::string& path) {
+  // Where following it could stand in the way of an extracta that renames
+  // the file into place, it is packed once finished.
+  if (!kVeltOpenFilesCanBeReplaced) return;
   std::lock_guard<std::mutex> lock(mutex_);
   std::unique_ptr<Job>& job = jobs_[Key(path)];
   if (job) return;

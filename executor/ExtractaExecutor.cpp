@@ -16,7 +16,9 @@
 #include "core/File.h"
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
+#include "core/Watchdog.h"
 #include "executor/BackgroundPacker.h"
+#include "executor/RunMarks.h"
 #include "process/ExtractaViewGenerator.h"
 #include "views/ExtractaViewControl.h"
 
@@ -56,6 +58,12 @@ int LocalRunNumber() {
   return static_cast<int>(static_cast<uint32_t>(seconds));
 }
 
+std::string WithoutTrailingSeparator(std::string path) {
+  while (path.size() > 1 && VeltIsPathSeparator(static_cast<unsigned char>(path.back())))
+    path.pop_back();
+  return path;
+}
+
 }  // namespace
 
 ExtractaExecutor::ExtractaExecutor() = default;
@@ -65,7 +73,10 @@ ExtractaExecutor::~ExtractaExecutor() {
   packer.reset();
   // Read now, not at construction: a user may set it while a long run goes on
   // to keep its files for a look.
-  if (!std::getenv("VELTAR_EXTRACTA_DEBUG")) deleteWorkingDir();
+  if (!std::getenv("VELTAR_EXTRACTA_DEBUG"))
+    deleteWorkingDir();
+  else if (createdWorkingDir && LFN_IsExistingDirectory(workingDir))
+    claimWorkingDir(true);
 }
 
 void ExtractaExecutor::packWhileExtracting() {
@@ -82,6 +93,12 @@ bool ExtractaExecutor::createWorkingDir(const AString& base) {
     errorMessage.Format(L"Could not find working directory at \"%s\"", base.c_str());
     return false;
   }
+
+  // What runs on this base left when they died together with their
+  // watchdog goes first; only their own, ended runs' directories.
+  for (const std::string& dead : RemoveDeadRuns(VEL_ANSI(baseDir.FilePath())))
+    VelDebug(1, L"*createWorkingDir: removed %s, left by a run that has ended\n",
+             AString(dead).c_str());
 
   const int runNumber = LocalRunNumber();
   deleteWorkingDir();
@@ -107,7 +124,28 @@ bool ExtractaExecutor::createWorkingDir(const AString& base) {
                         workingDir.FilePath().c_str());
     return false;
   }
+  claimWorkingDir(std::getenv("VELTAR_EXTRACTA_DEBUG") != nullptr);
   return true;
+}
+
+void ExtractaExecutor::claimWorkingDir(bool kept) {
+  const std::string directory = WithoutTrailingSeparator(VEL_ANSI(workingDir.FilePath()));
+  const std::string mark = RunMarkPath(directory);
+  // A run killed outright: its watchdog removes them once the children are
+  // gone. A run that dies with its watchdog: the mark lets the next run on
+  // this base tell the directory as this run's and remove it.
+  if (kept) {
+    VeltForgetRemoval(directory);
+    VeltForgetRemoval(mark);
+  } else {
+    VeltRemoveWhenKilled(directory);
+    VeltRemoveWhenKilled(mark);
+  }
+  const std::string text = RunMarkText(VeltThisProcess(), kept);
+  VeltFileInPlace file;
+  if (!file.Create(mark) || !file.Write(text.data(), text.size()) || !file.Commit())
+    VelDebug(1, L"*createWorkingDir: cannot mark %s as this run's: %s\n", AString(mark).c_str(),
+             AString(file.ErrorText()).c_str());
 }
 
 bool ExtractaExecutor::deleteWorkingDir() {
@@ -115,6 +153,12 @@ bool ExtractaExecutor::deleteWorkingDir() {
     return true;
   if (LFN_Delete(workingDir)) {
     createdWorkingDir = false;
+    const std::string directory = WithoutTrailingSeparator(VEL_ANSI(workingDir.FilePath()));
+    const std::string mark = RunMarkPath(directory);
+    if (!VeltRemoveTree(AString(mark)))
+      VelDebug(1, L"*deleteWorkingDir: cannot remove %s\n", AString(mark).c_str());
+    VeltForgetRemoval(directory);
+    VeltForgetRemoval(mark);
     return true;
   }
   VEL_ASSERT(!"VelLinkServer::deleteWorkingDir, failed");

@@ -69,6 +69,10 @@ class ExtractaExecutor {
   static void requireViewFile(const AString& path);
   // Throws ExtractaParserException when a piece cannot be merged.
   void writeOutPlacedCombined();
+  // Marks the new working directory as this run's (kept: for a look, never
+  // to be removed by another run) and has the watchdog remove it, unless
+  // kept, should the run be killed.
+  void claimWorkingDir(bool kept);
 
   AString errorMessage;
   LongFileName workingDir;

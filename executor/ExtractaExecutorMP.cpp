@@ -20,6 +20,7 @@
 
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
+#include "core/File.h"
 #include "core/LongFileName.h"
 #include "core/VelDebug.h"
 #include "executor/BackgroundMerge.h"
@@ -73,7 +74,7 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         // last part is left to read.
         NetRecordCounts counts;
         SurveyCounter counting(VEL_ANSI(survey.outputPath()), counts);
-        counting.followAlongside();
+        if (kVeltOpenFilesCanBeReplaced) counting.followAlongside();
         survey.waitForViewFile();
         const uint64_t records = counting.finish();
         VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",

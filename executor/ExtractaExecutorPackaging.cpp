@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core/File.h"
+#include "core/Interrupt.h"
 #include "core/PathError.h"
 #include "core/VelAssert.h"
 #include "core/VelDebug.h"
@@ -70,6 +71,36 @@ class RemovalAlongside {
  private:
   const std::vector<fs::path> files_;
   std::thread thread_;
+};
+
+// The files an output directory was given, each with the file it replaced
+// (renamed aside), so that an interrupt can take them back.
+class MovedViews {
+ public:
+  struct Move {
+    fs::path from, to, aside;  // aside: empty when nothing was replaced
+  };
+  void push_back(const Move& move) { moves_.push_back(move); }
+
+  // Puts every file back where it came from, the last first, and what it
+  // replaced back in its place; false, for the caller to return.
+  bool undo() {
+    for (auto move = moves_.rbegin(); move != moves_.rend(); ++move) {
+      std::error_code error;
+      if (!fs::exists(fs::symlink_status(move->from, error)))
+        fs::rename(move->to, move->from, error);
+      if (!error && !move->aside.empty()) fs::rename(move->aside, move->to, error);
+      if (error)
+        VelDebug(1, L"moveActiveViews: cannot put %s back: %s\n",
+                 AString(move->to.u8string()).c_str(), AString(error.message()).c_str());
+    }
+    moves_.clear();
+    VelDebug(1, L"moveActiveViews: interrupted, nothing delivered\n");
+    return false;
+  }
+
+ private:
+  std::vector<Move> moves_;
 };
 
 // The reason of the exception being handled, for the trace line of a failure
@@ -174,15 +205,40 @@ bool ExtractaExecutor::moveActiveViews(const AString& outputPath, const AString&
   const fs::path outpath = fs::u8path(VEL_ANSI(outputPath));
   VEL_ASSERT(fs::is_directory(outpath));
 
+  // Every file is renamed into the output directory: the working directory
+  // lies in it, so each file arrives whole or not at all. A file of the same
+  // name there is first renamed aside into the working directory, which goes
+  // after packaging as the old file would have; an interrupt before the last
+  // file is in place puts everything back, so that the run delivers nothing
+  // and what was there stays.
+  MovedViews moved;
   try {
     const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
     if (!Exists(fs::status(workingpath))) return true;
-    for (fs::directory_iterator it(workingpath), end; it != end; ++it) {
-      if (!PassesFilter(it->path(), filterExtension)) continue;
-      const fs::path target = outpath / it->path().filename();
-      if (Exists(fs::status(target))) fs::remove(target);
-      fs::rename(it->path(), target);
+    std::vector<fs::path> entries;
+    for (fs::directory_iterator it(workingpath), end; it != end; ++it)
+      if (PassesFilter(it->path(), filterExtension)) entries.push_back(it->path());
+    const fs::path replaced = workingpath / ".replaced";
+    for (const fs::path& entry : entries) {
+      if (InterruptRequested()) return moved.undo();
+      const fs::path target = outpath / entry.filename();
+      fs::path aside;
+      const fs::file_status status = fs::symlink_status(target);
+      if (fs::is_directory(status)) {
+        // A directory is only ever removed when empty, as it always was.
+        fs::remove(target);
+      } else if (Exists(status)) {
+        fs::create_directory(replaced);
+        aside = replaced / entry.filename();
+        fs::rename(target, aside);
+      }
+      moved.push_back({entry, target, aside});
+      fs::rename(entry, target);
     }
+    if (InterruptRequested()) return moved.undo();
+    // Delivered: what the views replaced goes now, as it always did.
+    std::error_code ignored;
+    fs::remove_all(replaced, ignored);
   } catch (const fs::filesystem_error& e) {
     // Files moved before the failure stay where they are; the output directory
     // then holds part of the views, which the failure line tells the user.

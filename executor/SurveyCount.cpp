@@ -5,6 +5,7 @@
 
 #include "core/AString.h"
 #include "core/ExtractaParserException.h"
+#include "core/VelDebug.h"
 
 namespace {
 
@@ -73,6 +74,7 @@ bool SurveyCounter::readOn(std::size_t budget) {
       return false;
     }
     if (got == 0) return false;
+    bytesRead_ += static_cast<uint64_t>(got);
     try {
       scanner_->feed(block_.data(), static_cast<std::size_t>(got));
     } catch (const ExtractaParserException&) {
@@ -91,9 +93,24 @@ bool SurveyCounter::follow() {
   return readOn(kFollowBudget);
 }
 
+bool SurveyCounter::followedTheFileAtThePath() const {
+  VeltFileId followed, there;
+  return file_.Identify(followed) && VeltFileIdentity(AString(path_), there) &&
+         followed.SameFile(there) && bytesRead_ == there.size;
+}
+
 uint64_t SurveyCounter::finish() {
   stopFollowing();
   while (opened_ && !held_ && !unreadable_ && readOn(kFollowBudget)) {
+  }
+  // An extracta may write the survey elsewhere and rename it into place once
+  // done: what was followed is then another file (or a placeholder), and
+  // the counts are those of the file at the path now, all of it.
+  if (opened_ && !followedTheFileAtThePath()) {
+    VelDebug(1, L"*SurveyCounter: %s was replaced while it was followed: counted anew\n",
+             AString(path_).c_str());
+    held_ = nullptr;
+    opened_ = false;
   }
   if (held_) std::rethrow_exception(held_);
   if (opened_ && !unreadable_) {

@@ -54,6 +54,8 @@ class SurveyCounter {
   void restart();
   void count(const ExtractaViewData::Row& record);
   bool readOn(std::size_t budget);
+  // The file followed is the one at the path now, and was read to its end.
+  bool followedTheFileAtThePath() const;
 
   std::string path_;
   NetRecordCounts& counts_;
@@ -61,6 +63,7 @@ class SurveyCounter {
   VeltInputFile file_;
   std::vector<char> block_;
   bool opened_ = false;
+  uint64_t bytesRead_ = 0;
   bool unreadable_ = false;  // a read failed: the finished file is read anew
   std::exception_ptr held_;
   std::thread following_;
