@@ -4,6 +4,8 @@
 // full disk while the archive is written, are shown end to end (tests/e2e,
 // tests/faults).
 
+#include <algorithm>
+#include <csignal>
 #include <ctime>
 #include <fstream>
 #include <string>
@@ -13,10 +15,13 @@
 #include <gtest/gtest.h>
 #include <zip.h>
 
+#include "core/Interrupt.h"
+#include "core/ProcessStamp.h"
 #include "core/VelAssert.h"
 #include "core/ZipArchive.h"
 #include "executor/BackgroundPacker.h"
 #include "executor/ExtractaExecutor.h"
+#include "executor/RunMarks.h"
 #include "tests/support/TestSupport.h"
 
 namespace {
@@ -105,6 +110,83 @@ TEST_F(ExecutorTest, PackagingTakesTheExactExtensionAndAMoveReplaces) {
   ASSERT_TRUE(executor.moveActiveViews(AString(out.path()), AString(".txt")));
   EXPECT_EQ(ReadFile(out / "layer.txt"), "layer.txt");
   EXPECT_EQ(ListDir(work), (std::vector<std::string>{"README", "added.csv", "extra", "notes.TXT"}));
+}
+
+// A working directory is marked as its run's, beside it; what becomes of a
+// marked directory when another run on the base looks at it.
+TEST_F(ExecutorTest, RunMarksTellWhichDirectoriesAreADeadRunsOwn) {
+  EXPECT_EQ(RunMarkPath("/d/base/extract1700000000/"), "/d/base/.extract1700000000.run");
+  const VeltProcessStamp self = VeltThisProcess();
+  EXPECT_FALSE(self.host.empty());
+  EXPECT_TRUE(VeltProcessRuns(self.pid, self.started));
+  EXPECT_FALSE(VeltProcessRuns(self.pid, self.started + "0"));
+
+  const VeltProcessStamp dead{self.host, 4242, "boot:17"};
+  const auto runs = [&](long long pid, const std::string& started) {
+    return pid == self.pid && started == self.started;
+  };
+  const struct {
+    std::string mark;
+    RunDirectoryFate fate;
+  } rows[] = {
+      {RunMarkText(dead, false), RunDirectoryFate::kRemove},
+      {RunMarkText(self, false), RunDirectoryFate::kStillRunning},
+      {RunMarkText(dead, true), RunDirectoryFate::kKept},
+      {RunMarkText({"elsewhere", 4242, "boot:17"}, false), RunDirectoryFate::kAnotherHost},
+      {RunMarkText({"", 4242, "boot:17"}, false), RunDirectoryFate::kAnotherHost},
+      {"", RunDirectoryFate::kNoRunMark},
+      {"some other program's notes\nhost x\npid 1\nstarted 2\n", RunDirectoryFate::kNoRunMark},
+      // Cut short while it was written: nothing to act on.
+      {"VelExtracta run\nhost " + self.host + "\npid 4242\n", RunDirectoryFate::kNoRunMark},
+      {"VelExtracta run\nhost " + self.host + "\npid 42x\nstarted 1\n",
+       RunDirectoryFate::kNoRunMark},
+  };
+  for (const auto& row : rows) EXPECT_EQ(FateOf(row.mark, self.host, runs), row.fate) << row.mark;
+
+  // On the base: the dead run's directory and mark go, the rest stays.
+  ExtractaExecutor executor;
+  ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
+  for (const auto& [name, mark] : std::vector<std::pair<std::string, std::string>>{
+           {"extract1", RunMarkText(dead, false)},
+           {"extract2", RunMarkText(dead, true)},
+           {"extract3", ""},
+           {"extract4", RunMarkText({"elsewhere", 4242, "boot:17"}, false)}}) {
+    MakeDirectory(base / name);
+    WriteFile(base / (name + "/view.txt"), "a view");
+    if (!mark.empty()) WriteFile(base / ("." + name + ".run"), mark);
+  }
+  WriteFile(base / ".extract5.run", RunMarkText(dead, false));  // its directory is gone
+  std::string own = VEL_ANSI(executor.getWorkingDir().FilePath());
+  own = Leaf(own.substr(0, own.size() - 1));
+  EXPECT_EQ(RemoveDeadRuns(base.path()), std::vector<std::string>{base / "extract1"});
+  std::vector<std::string> left = {".extract2.run",
+                                   ".extract4.run",
+                                   "." + own + ".run",
+                                   "extract2",
+                                   "extract3",
+                                   "extract4",
+                                   own};
+  std::sort(left.begin(), left.end());
+  EXPECT_EQ(ListDir(base.path()), left);
+}
+
+// An interrupt before the last file is in place: every file goes back where
+// it came from, and the files they replaced back in their places.
+TEST_F(ExecutorTest, InterruptedMoveDeliversNothing) {
+  VEL_SKIP_ON_WINDOWS("the interrupt is raised as a signal");
+  InstallInterruptHandlers();
+  ExtractaExecutor executor;
+  ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
+  const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
+  for (const char* name : {"layer.txt", "net.txt"}) WriteFile(work + name, name);
+  const TempDir out;
+  WriteFile(out / "layer.txt", "an older view");
+  raise(SIGINT);
+  EXPECT_FALSE(executor.moveActiveViews(AString(out.path()), AString(".txt")));
+  ClearInterruptRequest();
+  EXPECT_EQ(ListDir(out.path()), std::vector<std::string>{"layer.txt"});
+  EXPECT_EQ(ReadFile(out / "layer.txt"), "an older view");
+  EXPECT_EQ(ListDir(work), (std::vector<std::string>{"layer.txt", "net.txt"}));
 }
 
 // An entry's compressed bytes.
