@@ -7,5 +7,12 @@
 // the moment they are freed, and the peak stays the same from one design size
 // to the next.
 
+#include <cstdint>
+
 // Call once at start, before any thread exists.
 void VeltReturnLargeBlocksAtOnce();
+
+// The most memory this process has held at once so far (its peak resident
+// set; on Windows its peak working set), in bytes; 0 where the system does
+// not tell.
+std::uint64_t VeltPeakMemoryBytes();

@@ -1,5 +1,7 @@
 #include "core/Memory.h"
 
+#include <sys/resource.h>
+
 #include "core/VelDebug.h"
 
 #if defined(__GLIBC__)
@@ -14,4 +16,11 @@ void VeltReturnLargeBlocksAtOnce() {
   if (mallopt(M_MMAP_THRESHOLD, kLargeBlockBytes) != 1)
     VelDebug(1, L"the C library kept its own threshold for large blocks\n");
 #endif
+}
+
+std::uint64_t VeltPeakMemoryBytes() {
+  rusage usage;
+  if (getrusage(RUSAGE_SELF, &usage) != 0) return 0;
+  // Linux counts it in kilobytes.
+  return static_cast<std::uint64_t>(usage.ru_maxrss) * 1024;
 }
