@@ -23,13 +23,13 @@ void ProgressLine::childQueued() {
   draw();
 }
 
-void ProgressLine::childStarted(bool fromQueue) {
+void ProgressLine::childStarted(const ChildRun&, bool fromQueue) {
   if (fromQueue && waiting_ > 0) --waiting_;
   ++running_;
   draw();
 }
 
-void ProgressLine::childEnded() {
+void ProgressLine::childEnded(const ChildRun&, int) {
   if (running_ > 0) --running_;
   ++ended_;
   draw();
@@ -39,10 +39,22 @@ void ProgressLine::waiting() {
   if (Clock::now() - drawn_ >= kRedrawInterval) draw();
 }
 
-void ProgressLine::step(const char* name) {
+void ProgressLine::stepStarted(RunStep step) {
+  static const char* const kShown[] = {"counting the survey", "merging connectivity", "packing",
+                                       "delivering"};
+  const std::string name = kShown[static_cast<int>(step)];
   if (!active_ || step_ == name) return;
   step_ = name;
   draw();
+}
+
+void ProgressLine::stepEnded(RunStep step) {
+  // The children go on after the survey; the merge lasts until the last
+  // piece, and packing follows at once.
+  if (step == RunStep::kSurvey) {
+    step_ = "extracting";
+    draw();
+  }
 }
 
 void ProgressLine::clear() {

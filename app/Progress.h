@@ -24,9 +24,10 @@ class ProgressLine : public RunObserver {
   ProgressLine& operator=(const ProgressLine&) = delete;
 
   void childQueued() override;
-  void childStarted(bool fromQueue) override;
-  void childEnded() override;
-  void step(const char* name) override;
+  void childStarted(const ChildRun& child, bool fromQueue) override;
+  void childEnded(const ChildRun& child, int exitCode) override;
+  void stepStarted(RunStep step) override;
+  void stepEnded(RunStep step) override;
   void waiting() override;
   // Erases the line, so that the next line written on either stream stands
   // on its own; a later update draws it again.

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -76,6 +77,8 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
         SurveyCounter counting(VEL_ANSI(survey.outputPath()), counts);
         if (kVeltOpenFilesCanBeReplaced) counting.followAlongside();
         survey.waitForViewFile();
+        // From the survey's end until the split runs have started.
+        const RunStepScope surveyStep(reports, RunStep::kSurvey);
         const uint64_t records = counting.finish();
         VelDebug(1, L"createExtractaControlFileAndViewsMP %d connectivity records\n",
                  static_cast<int>(records));
@@ -106,15 +109,18 @@ bool ExtractaExecutor::createExtractaControlFileAndViewsMP(const AString& design
                                                    : ConnectivityMerge::Bodies::kCopied;
       BackgroundMerge merge(combinedPath, "createExtractaControlFileAndViewsMP ", bodies);
       std::vector<std::string> pieces;
+      // From the first piece until the combined file is complete.
+      std::optional<RunStepScope> mergeStep;
       try {
         for (const GeneratorPtr& generator : connGenerators) {
           const AString piece =
               generator->waitForViewFile([&merge] { merge.throwIfFailed(); }).path;
-          reports.step("merging connectivity");
+          if (!mergeStep) mergeStep.emplace(reports, RunStep::kMerge);
           merge.add(piece);
           pieces.push_back(VEL_ANSI(piece));
         }
         merge.finish();
+        mergeStep.reset();
       } catch (const ExtractaParserException&) {
         // A piece that failed to merge before another failure was seen is
         // the run's failure, as it would be had the merge kept up.

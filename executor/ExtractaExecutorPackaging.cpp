@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -163,6 +164,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
   const fs::path outpath = fs::u8path(VEL_ANSI(outputPath));
   VEL_ASSERT(!fs::is_directory(outpath));
 
+  std::optional<RunStepScope> step(std::in_place, reports, RunStep::kPacking);
   CZipArchive archive;
   try {
     archive.Open(outpath.u8string(), CZipArchive::kCreate, 0);
@@ -192,6 +194,7 @@ bool ExtractaExecutor::zipActiveViews(const AString& outputPath, const AString& 
     // file that cannot be read or an archive that cannot be written (a full
     // disk) fails here and counts as a failure to pack.
     const RemovalAlongside removal(std::move(packedAhead));
+    step.emplace(reports, RunStep::kDelivery);
     archive.Close(0, false);
   } catch (...) {
     VelDebug(1, L"zipActiveViews: %s\n", CurrentFailure().c_str());
@@ -212,6 +215,7 @@ bool ExtractaExecutor::moveActiveViews(const AString& outputPath, const AString&
   // file is in place puts everything back, so that the run delivers nothing
   // and what was there stays.
   MovedViews moved;
+  const RunStepScope step(reports, RunStep::kDelivery);
   try {
     const fs::path workingpath = fs::u8path(VEL_ANSI(workingDir.FilePath()));
     if (!Exists(fs::status(workingpath))) return true;

@@ -1,7 +1,7 @@
 #pragma once
 // RunReports: hands what a run's children report on to every observer of the
-// run (the caller's status line, the background packer), in the order they
-// were added.
+// run (the caller's status line and report, the background packer), in the
+// order they were added.
 
 #include <vector>
 
@@ -17,20 +17,23 @@ class RunReports : public RunObserver {
   void childQueued() override {
     for (RunObserver* observer : observers_) observer->childQueued();
   }
-  void childStarted(bool fromQueue) override {
-    for (RunObserver* observer : observers_) observer->childStarted(fromQueue);
+  void childStarted(const ChildRun& child, bool fromQueue) override {
+    for (RunObserver* observer : observers_) observer->childStarted(child, fromQueue);
   }
   void viewStarted(const ActiveView& view) override {
     for (RunObserver* observer : observers_) observer->viewStarted(view);
   }
-  void childEnded() override {
-    for (RunObserver* observer : observers_) observer->childEnded();
+  void childEnded(const ChildRun& child, int exitCode) override {
+    for (RunObserver* observer : observers_) observer->childEnded(child, exitCode);
   }
   void viewFinished(const ActiveView& view) override {
     for (RunObserver* observer : observers_) observer->viewFinished(view);
   }
-  void step(const char* name) override {
-    for (RunObserver* observer : observers_) observer->step(name);
+  void stepStarted(RunStep step) override {
+    for (RunObserver* observer : observers_) observer->stepStarted(step);
+  }
+  void stepEnded(RunStep step) override {
+    for (RunObserver* observer : observers_) observer->stepEnded(step);
   }
   void waiting() override {
     for (RunObserver* observer : observers_) observer->waiting();

@@ -84,6 +84,16 @@ int LaunchedCommand(const Launcher& launcher, uint32_t slot, const AString& exec
   return 0;
 }
 
+// What a child that did not end well is reported with: the code it failed
+// with, or kEndedByRun when the run ended it (an interrupt, a failure
+// elsewhere, which left it running).
+int FailedChildCode(VeltProcessHandle handle) {
+  int code = kVeltStillActive;
+  if (InterruptRequested() || VeltGetProcessExitCode(handle, code) == 0 || code == kVeltStillActive)
+    return kEndedByRun;
+  return code;
+}
+
 // The pipe reader's status: the child's output is then incomplete, which only
 // its exit-code message would show.
 void TraceDrain(int status, const AString& processName) {
@@ -133,6 +143,9 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
                                       directory);
     }
     outputFile = LongFileName(directory + MakeViewFileName(viewType, this->name));
+    run_.label = VEL_ANSI(ViewTypeName(viewType) + this->name);
+    run_.controlFile = controlFile.FilePath();
+    run_.views = {ActiveView{viewType, outputFile.FilePath()}};
     arguments = buildExtractaArguments(designFile, controlFile, generatorOption, {outputFile});
     startOrQueue();
   } catch (...) {
@@ -147,6 +160,7 @@ ExtractaViewGenerator::ExtractaViewGenerator(const LongFileName& designFile,
 
 ExtractaViewGenerator::~ExtractaViewGenerator() {
   if (processHandle) {
+    reportEnd(FailedChildCode(processHandle));
     VelDebug(1, L"*ExtractaViewGenerator destructor: VeltTerminateProcessTree\n");
     EndChild(processHandle);
     processHandle = nullptr;
@@ -226,14 +240,17 @@ bool ExtractaViewGenerator::ProcessRunning(VeltProcessHandle handle, const AStri
 void ExtractaViewGenerator::runAndWait(const AString& executable,
                                        const std::vector<AString>& arguments,
                                        const LongFileName& workingDir, RunObserver* observer,
-                                       const Launcher* launcher) {
+                                       const Launcher* launcher, ChildRun& run) {
   CPipe pipe;
   if (!pipe.CreatePipe()) VelDebug(1, L"*runAndWait: CreatePipe failed\n");
   AString output;
   // Outside the pool, on its first slot: nothing else runs meanwhile.
   VeltProcessHandle handle =
       StartChildProcess(executable, arguments, workingDir, pipe.WriteHandle(), launcher, 0);
-  if (observer) observer->childStarted(false);
+  run.slot = 0;
+  run.node = launcher ? launcher->slotHost(0) : std::string();
+  run.processId = VeltProcessId(handle);
+  if (observer) observer->childStarted(run, false);
   try {
     // The same waits as the pool's children, outside the pool: the pool is
     // empty on this path, so its passes find nothing to do.
@@ -243,13 +260,14 @@ void ExtractaViewGenerator::runAndWait(const AString& executable,
                        SleepBetweenPasses({handle}, {pipe.ReadHandle()});
                      });
   } catch (...) {
+    if (observer) observer->childEnded(run, FailedChildCode(handle));
     // Whatever the child left running goes with the failure.
     EndChild(handle);
     throw;
   }
   // And with its success: nothing extracta leaves behind may outlive the run.
   EndChild(handle);
-  if (observer) observer->childEnded();
+  if (observer) observer->childEnded(run, 0);
 }
 
 void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
@@ -258,10 +276,16 @@ void ExtractaViewGenerator::runExtracta(const LongFileName& designFile,
                                         const LongFileName& workingDir, RunObserver* observer,
                                         const Launcher* launcher) {
   std::vector<LongFileName> files;
-  for (const ActiveView& view : views) files.emplace_back(view.path);
+  ChildRun run;
+  for (const ActiveView& view : views) {
+    files.emplace_back(view.path);
+    run.label += (run.label.empty() ? "" : "+") + VEL_ANSI(ViewTypeName(view.viewType));
+  }
+  run.controlFile = controlFile.FilePath();
+  run.views = views;
   runAndWait(extractaExecutableName(),
              buildExtractaArguments(designFile, controlFile, generatorOption, files), workingDir,
-             observer, launcher);
+             observer, launcher, run);
 }
 
 void ExtractaViewGenerator::startOrQueue() {
@@ -275,25 +299,38 @@ void ExtractaViewGenerator::start(uint32_t slot) {
   slot_ = slot;
   processHandle = StartChildProcess(extractaExecutableName(), arguments, workingDir,
                                     pipe.WriteHandle(), launcher, slot);
+  run_.slot = slot;
+  run_.node = launcher ? launcher->slotHost(slot) : std::string();
+  run_.processId = VeltProcessId(processHandle);
+  endReported_ = false;
   if (observer) {
-    observer->childStarted(queued);
+    observer->childStarted(run_, queued);
     observer->viewStarted(ActiveView{viewType, outputFile.FilePath()});
   }
 }
 
+void ExtractaViewGenerator::reportEnd(int exitCode) {
+  if (endReported_) return;
+  endReported_ = true;
+  if (observer) observer->childEnded(run_, exitCode);
+}
+
 bool ExtractaViewGenerator::checkFinished() {
-  const bool running =
-      ProcessRunning(processHandle, AString("extracta"), pipe.ReadHandle(), output);
+  bool running = false;
+  try {
+    running = ProcessRunning(processHandle, AString("extracta"), pipe.ReadHandle(), output);
+  } catch (...) {
+    if (processHandle) reportEnd(FailedChildCode(processHandle));
+    throw;
+  }
   if (!running && processHandle) {
     VelDebug(1, L"Extracta %s%s finished \n", ViewTypeName(viewType).c_str(), name.c_str());
     // The view is written once extracta has ended; whatever it left running
     // in its process group would otherwise outlive the run.
     EndChild(processHandle);
     processHandle = nullptr;
-    if (observer) {
-      observer->childEnded();
-      observer->viewFinished(ActiveView{viewType, outputFile.FilePath()});
-    }
+    reportEnd(0);
+    if (observer) observer->viewFinished(ActiveView{viewType, outputFile.FilePath()});
   }
   return running;
 }

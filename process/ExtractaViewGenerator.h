@@ -85,12 +85,14 @@ class ExtractaViewGenerator {
                              VeltPipeHandle readEnd, AString& output);
   static void runAndWait(const AString& executable, const std::vector<AString>& arguments,
                          const LongFileName& workingDir, RunObserver* observer,
-                         const Launcher* launcher);
+                         const Launcher* launcher, ChildRun& run);
 
   void startOrQueue();
   // For the pool: starts this generator's child on the slot.
   void start(uint32_t slot);
   bool checkFinished();
+  // Tells the observer once that the child ended, with its exit code.
+  void reportEnd(int exitCode);
 
   // The pool: generators waiting for room, first in first out, and those
   // whose child was started and not yet reaped. Non-owning: a generator
@@ -110,4 +112,6 @@ class ExtractaViewGenerator {
   const Launcher* launcher;
   uint32_t slot_ = 0;
   bool queued = false;  // waited for room before its child started
+  ChildRun run_;        // what the observer is told of the child
+  bool endReported_ = false;
 };
