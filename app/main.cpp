@@ -10,7 +10,12 @@
 // ends the run with one line naming the path and the cause, after the same
 // clean-up as every other failure: the children ended, the working directory
 // removed, nothing delivered.
+//
+// "--help" and "--version" as the only argument introduce the program; fewer
+// than two arguments get the usage line. VELTAR_EXTRACTA_REPORT names a file
+// the run's report is written to once it is over.
 
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <iostream>
@@ -20,6 +25,7 @@
 
 #include "app/CommandLine.h"
 #include "app/Progress.h"
+#include "app/RunReport.h"
 #include "core/AString.h"
 #include "core/File.h"
 #include "core/Interrupt.h"
@@ -59,11 +65,41 @@ fs::file_status StatusOf(const fs::path& path, std::string* reason = nullptr) {
 // itself: that is the program's established output, kept as it is.
 const void* PathValue(const AString& path) { return static_cast<const void*>(path.c_str()); }
 
+const char kUsage[] =
+    "usage: VelExtracta [-z] [-cell] [-n NET,NET...] [-add FILE,FILE...] DESIGN.mcm OUTPUT\n";
+
+const char kHelp[] =
+    "Turns a package design into text views through the layout system's extracta and\n"
+    "delivers them as one archive (the VLX file, with -z) or as files in the directory\n"
+    "OUTPUT.\n"
+    "\n"
+    "Options (a slash or a dash, in any case):\n"
+    "  -z                 pack the views into the archive OUTPUT\n"
+    "  -cell              extract the cell views (layer, cell geometry, cell connectivity,\n"
+    "                     die stacks) with one process\n"
+    "  -n NET,NET...      restrict the views to these nets\n"
+    "  -add FILE,FILE...  deliver these files with the views\n"
+    "  --help             this text;  --version  the program's version\n"
+    "\n"
+    "Environment:\n"
+    "  VELTAR_EXTRACTA_DEBUG         defined: keep the working directory, trace on\n"
+    "                                standard error\n"
+    "  VELTAR_EXTRACTA_PATHOVERRIDE  the extracta program to run instead of\n"
+    "                                extracta.exe on PATH\n"
+    "  VELTAR_EXTRACTA_LAUNCHER      how each extracta starts: slurm, lsf or sge inside\n"
+    "                                a job of that farm engine, or a command prefix\n"
+    "                                (\"shell:\" first when it hands the command to a shell)\n"
+    "  VELTAR_EXTRACTA_SLOTS         how many extracta run at once (1 to 1024)\n"
+    "  VELTAR_EXTRACTA_REPORT        write the run's report to this file: a page when\n"
+    "                                it ends in .html, else a trace (Trace Event format)\n"
+    "\n"
+    "Exit code 0 when the views were created and delivered, 1 otherwise.\n";
+
 // One run from an existing design: create the views in a working directory,
 // pack or move them, report. The executor removes its working directory when
-// this returns.
-int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs::path& designPath,
-                  const fs::path& outputPath) {
+// this returns. `outcome` says how the run ended, for its report.
+int RunExtraction(const CommandLine& options, const Launcher& launcher, RunReport& report,
+                  const fs::path& designPath, const fs::path& outputPath, std::string& outcome) {
   const AString designText(designPath.u8string());
   const AString outputText(outputPath.u8string());
 
@@ -76,6 +112,7 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs
 
   ProgressLine progress;
   executor.reportTo(&progress);
+  executor.reportTo(&report);
   executor.launchThrough(&launcher);
   std::vector<ActiveView> activeViews;
   if (options.zip) executor.packWhileExtracting();
@@ -83,6 +120,8 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs
                                                     options.nets, activeViews);
   // Without a working directory there is nothing to add to; packaging then
   // finds nothing either.
+  // Counted before packaging moves or removes the view files.
+  report.settle();
   if (created && !options.adds.empty() && !executor.addFilesToWorkingDir(options.adds))
     VelDebug(1, L"addFilesToWorkingDir: no working directory\n");
   progress.clear();
@@ -90,6 +129,9 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs
   // An interrupted run delivers nothing, whatever its children had finished.
   if (!created || InterruptRequested()) {
     VelDebug(1, L"view creation failed: %s\n", executor.getErrorMessage().c_str());
+    outcome = InterruptRequested()
+                  ? InterruptMessage(InterruptSignal())
+                  : "view creation failed (1): " + VEL_ANSI(executor.getErrorMessage());
     // Children ended early may have left tasks the farm engine still holds.
     launcher.endLeftovers();
     VEL_ASSERT(!"view creation failed");
@@ -98,24 +140,33 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, const fs
   }
 
   const AString filterExtension = options.adds.empty() ? AString(".txt") : AString();
-  progress.step("packing");
   const bool packed = options.zip ? executor.zipActiveViews(outputText, filterExtension)
                                   : executor.moveActiveViews(outputText, filterExtension);
   progress.clear();
   // Interrupted while packing: the archive was abandoned or the files put
   // back, so nothing is delivered and the run ends as during extraction.
   if (!packed && InterruptRequested()) {
+    outcome = InterruptMessage(InterruptSignal()) + ", while packing";
     VEL_ASSERT(!"view creation failed");
     std::cerr << "view creation failed (1).\n";
     return 1;
   }
   std::cout << "VLX file written: " << PathValue(outputText) << "\n";
   if (!packed) {
+    outcome = "view creation failed (2): the views could not be packed or moved";
     VEL_ASSERT(!"view zip or move failed");
     std::cerr << "view creation failed (2).\n";
     return 1;
   }
+  outcome = "succeeded";
   return 0;
+}
+
+// Writes the run's report, if one is asked for; a report that cannot be
+// written is one warning line, and the run's outcome stays as it was.
+void WriteReport(RunReport& report, const std::string& outcome, bool succeeded) {
+  std::string error;
+  if (!report.write(outcome, succeeded, error)) std::cerr << "warning: " << error << "\n";
 }
 
 }  // namespace
@@ -124,9 +175,19 @@ int main(int argc, char** argv) {
   // No setlocale(): the program runs in the C locale on purpose. Narrow and
   // wide text convert as UTF-8 in core, options fold ASCII case only, and
   // numbers print with a point, whatever locale data a machine has.
-  //
+  if (argc == 2 && std::string(argv[1]) == "--version") {
+    std::cout << "VelExtracta " VEL_VERSION "\n";
+    return 0;
+  }
+  if (argc == 2 && std::string(argv[1]) == "--help") {
+    std::cout << kUsage << "\n" << kHelp;
+    return 0;
+  }
   const CommandLine options = ScanCommandLine(argc, argv);
-  if (!options.enoughArguments) return 1;
+  if (!options.enoughArguments) {
+    std::cerr << kUsage;
+    return 1;
+  }
 
   // How the children start and how many run at once, settled before anything
   // is made: a setting that cannot be used ends the run here, with one line.
@@ -149,9 +210,14 @@ int main(int argc, char** argv) {
   // through its failure path and removes its working directory.
   VeltFailWritesPastSizeLimit();
 
+  const char* reportPath = std::getenv("VELTAR_EXTRACTA_REPORT");
+  RunReport report(reportPath ? reportPath : "", "VelExtracta " VEL_VERSION);
+  std::string outcome;
   try {
     const fs::path designPath = fs::u8path(argv[argc - 2]);
     const fs::path outputPath = fs::u8path(argv[argc - 1]);
+    report.describe(Absolute(designPath).u8string(), Absolute(outputPath).u8string(),
+                    launcher->kind(), launcher->slots());
     std::string reason;
     if (StatusOf(designPath, &reason).type() == fs::file_type::not_found) {
       VelDebug(1, L"mcm file %s: %s\n", AString(designPath.u8string()).c_str(),
@@ -159,19 +225,26 @@ int main(int argc, char** argv) {
       VEL_ASSERT(!"mcm file does not exist");
       const AString designText(designPath.u8string());
       std::cerr << "mcm file does not exist: " << PathValue(designText) << "\n";
+      WriteReport(report, "mcm file does not exist", false);
       return 1;
     }
     // extracta runs inside the working directory, so every path it is handed
     // must hold from there: relative paths are resolved against this
     // program's directory before the run begins.
-    return RunExtraction(options, *launcher, Absolute(designPath), Absolute(outputPath));
+    const int code = RunExtraction(options, *launcher, report, Absolute(designPath),
+                                   Absolute(outputPath), outcome);
+    WriteReport(report, outcome, code == 0);
+    return code;
   } catch (const std::exception& e) {
     // Unwinding has ended the children and removed the working directory.
     launcher->endLeftovers();
     std::cerr << e.what() << "\n";
+    outcome = e.what();
   } catch (...) {
     launcher->endLeftovers();
     std::cerr << "the run ended on an unknown failure\n";
+    outcome = "the run ended on an unknown failure";
   }
+  WriteReport(report, outcome, false);
   return 1;
 }

@@ -15,6 +15,8 @@ packages=(
   # Engine cell on this machine.
   slurm-wlm munge
   gridengine-master gridengine-exec gridengine-client
+  # The run report's page is looked at in a real browser.
+  chromium
 )
 
 missing=()

@@ -1,4 +1,4 @@
-// The built program run as a user runs it: too few arguments or no design,
+// The built program run as a user runs it: no design,
 // what a run delivers, and where it works. How options are scanned is held
 // to the rules on the command line fuzz target's seeds (tests/replay). Failures of the extractor
 // and of delivery are rows of the fault matrix (tests/faults).
@@ -14,14 +14,6 @@
 namespace {
 
 using namespace veltest;
-
-TEST(CommandLineRunTest, TooFewArgumentsEndTheRunSilently) {
-  for (const std::vector<std::string>& args :
-       {std::vector<std::string>{}, std::vector<std::string>{SampleDesign()}}) {
-    ProgramRun run(args);
-    ExpectOutcome(run, 1, false, "");
-  }
-}
 
 TEST(CommandLineRunTest, AMissingDesignIsReportedBeforeAnythingIsCreated) {
   TempDir dir;

@@ -21,9 +21,15 @@ if(NOT installed STREQUAL expected)
   message(FATAL_ERROR "installed:\n  ${installed}\nexpected:\n  ${expected}")
 endif()
 
-# The installed program runs: with too few arguments it ends with 1, silently.
+# The installed program runs: it tells its version, and with too few
+# arguments it ends with 1 and the usage line.
+execute_process(COMMAND ${PREFIX}/bin/VelExtracta --version RESULT_VARIABLE result
+                OUTPUT_VARIABLE out ERROR_VARIABLE err)
+if(NOT result EQUAL 0 OR NOT out MATCHES "^VelExtracta [0-9]+\\.[0-9]+\\.[0-9]+\n$")
+  message(FATAL_ERROR "installed VelExtracta --version: exit ${result}, out '${out}'")
+endif()
 execute_process(COMMAND ${PREFIX}/bin/VelExtracta RESULT_VARIABLE result OUTPUT_VARIABLE out
                 ERROR_VARIABLE err)
-if(NOT result EQUAL 1 OR NOT out STREQUAL "" OR NOT err STREQUAL "")
+if(NOT result EQUAL 1 OR NOT out STREQUAL "" OR NOT err MATCHES "^usage: VelExtracta ")
   message(FATAL_ERROR "installed VelExtracta: exit ${result}, out '${out}', err '${err}'")
 endif()
