@@ -7,7 +7,7 @@ packages=(
   cmake make g++ pkg-config
   libboost-dev
   libzip-dev
-  googletest libgtest-dev libgmock-dev libbenchmark-dev
+  googletest libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
   clang libclang-rt-14-dev
   zip unzip python3 procps util-linux bsdutils
   p7zip-full libarchive-tools

@@ -113,7 +113,8 @@ TEST_F(ExecutorTest, PackagingTakesTheExactExtensionAndAMoveReplaces) {
 }
 
 // A working directory is marked as its run's, beside it; what becomes of a
-// marked directory when another run on the base looks at it.
+// marked directory when another run on the base looks at it (on a base:
+// LaunchFaults.RunKilledWithItsWatchdogIsRemovedByTheNext).
 TEST_F(ExecutorTest, RunMarksTellWhichDirectoriesAreADeadRunsOwn) {
   EXPECT_EQ(RunMarkPath("/d/base/extract1700000000/"), "/d/base/.extract1700000000.run");
   const VeltProcessStamp self = VeltThisProcess();
@@ -142,32 +143,6 @@ TEST_F(ExecutorTest, RunMarksTellWhichDirectoriesAreADeadRunsOwn) {
        RunDirectoryFate::kNoRunMark},
   };
   for (const auto& row : rows) EXPECT_EQ(FateOf(row.mark, self.host, runs), row.fate) << row.mark;
-
-  // On the base: the dead run's directory and mark go, the rest stays.
-  ExtractaExecutor executor;
-  ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
-  for (const auto& [name, mark] : std::vector<std::pair<std::string, std::string>>{
-           {"extract1", RunMarkText(dead, false)},
-           {"extract2", RunMarkText(dead, true)},
-           {"extract3", ""},
-           {"extract4", RunMarkText({"elsewhere", 4242, "boot:17"}, false)}}) {
-    MakeDirectory(base / name);
-    WriteFile(base / (name + "/view.txt"), "a view");
-    if (!mark.empty()) WriteFile(base / ("." + name + ".run"), mark);
-  }
-  WriteFile(base / ".extract5.run", RunMarkText(dead, false));  // its directory is gone
-  std::string own = VEL_ANSI(executor.getWorkingDir().FilePath());
-  own = Leaf(own.substr(0, own.size() - 1));
-  EXPECT_EQ(RemoveDeadRuns(base.path()), std::vector<std::string>{base / "extract1"});
-  std::vector<std::string> left = {".extract2.run",
-                                   ".extract4.run",
-                                   "." + own + ".run",
-                                   "extract2",
-                                   "extract3",
-                                   "extract4",
-                                   own};
-  std::sort(left.begin(), left.end());
-  EXPECT_EQ(ListDir(base.path()), left);
 }
 
 // An interrupt before the last file is in place: every file goes back where

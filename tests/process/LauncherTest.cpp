@@ -6,6 +6,8 @@
 
 #include <map>
 #include <optional>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -151,12 +153,18 @@ TEST(ShellWords, QuotedArgumentsSurviveTheCommandLineSplit) {
         << word;
 }
 
-// The world a launcher is chosen in: the variables given, the host files
-// given, and programs found only when listed.
+// The world a launcher is chosen in: the variables given ("NAME=value;..."),
+// the host files given, and programs found only when listed.
 struct FakeWorld {
-  std::map<std::string, std::string> variables, files;
-  std::vector<std::string> programs = {"srun", "squeue", "scancel", "blaunch", "qrsh", "wrap"};
+  std::map<std::string, std::string> variables,
+      files = {{"/hf", "hostA\nhostB\nhostA\n"}, {"/pe", "n1 2 q@n1 UNDEFINED\nn2 2 q@n2 x\n"}};
   bool engines = true;
+
+  explicit FakeWorld(const std::string& settings) {
+    std::istringstream list(settings);
+    for (std::string item; std::getline(list, item, ';');)
+      variables[item.substr(0, item.find('='))] = item.substr(item.find('=') + 1);
+  }
 
   LaunchEnvironment Environment() const {
     LaunchEnvironment environment;
@@ -165,19 +173,15 @@ struct FakeWorld {
       return found == variables.end() ? nullptr : found->second.c_str();
     };
     environment.readFile = [this](const std::string& path, std::string& text) {
-      const auto found = files.find(path);
-      if (found == files.end()) return false;
-      text = found->second;
-      return true;
+      const bool known = files.count(path) > 0;
+      if (known) text = files.at(path);
+      return known;
     };
-    environment.program = [this](const std::string& name, std::string& path, std::string& why) {
-      for (const std::string& known : programs) {
-        if (name != known) continue;
-        path = "/opt/farm/" + name;
-        return true;
-      }
+    environment.program = [](const std::string& name, std::string& path, std::string& why) {
+      const std::set<std::string> known = {"srun", "squeue", "scancel", "blaunch", "qrsh", "wrap"};
+      path = "/opt/farm/" + name;
       why = "No such file or directory";
-      return false;
+      return known.count(name) > 0;
     };
     environment.localSlots = 3;
     environment.enginesAvailable = engines;
@@ -185,130 +189,100 @@ struct FakeWorld {
   }
 };
 
-// Every bad setting is refused before anything is made, in one line that
-// names the setting and says why.
-TEST(ChooseLauncher, BadSettingsAreRefusedInOneLineNamingThem) {
-  const struct {
-    std::map<std::string, std::string> variables;
-    std::string error;
-  } rows[] = {
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "slurm"}},
-       "VELTAR_EXTRACTA_LAUNCHER=slurm: not inside a Slurm allocation (SLURM_JOB_ID is not set)"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "slurm"},
-        {"SLURM_JOB_ID", "7"},
-        {"SLURM_JOB_NODELIST", "n[1-2]"},
-        {"SLURM_JOB_CPUS_PER_NODE", "2"}},
-       "VELTAR_EXTRACTA_LAUNCHER=slurm: the allocation cannot be read (SLURM_JOB_NODELIST=n[1-2], "
+// A farm engine named where its job is not, or with an allocation that
+// cannot be read, is refused in one line that names the setting and says
+// why (the prefix's and the slots' lines are the fault matrix's).
+TEST(ChooseLauncher, EnginesOutsideTheirJobAreRefusedInOneLine) {
+  const std::vector<std::pair<std::string, std::string>> rows = {
+      {"VELTAR_EXTRACTA_LAUNCHER=slurm",
+       "slurm: not inside a Slurm allocation (SLURM_JOB_ID is not set)"},
+      {"VELTAR_EXTRACTA_LAUNCHER=slurm;SLURM_JOB_ID=7;SLURM_JOB_NODELIST=n[1-2];"
+       "SLURM_JOB_CPUS_PER_NODE=2",
+       "slurm: the allocation cannot be read (SLURM_JOB_NODELIST=n[1-2], "
        "SLURM_JOB_CPUS_PER_NODE=2): 2 nodes but 1 CPU counts"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "lsf"}},
-       "VELTAR_EXTRACTA_LAUNCHER=lsf: not inside an LSF job (LSB_JOBID is not set)"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "lsf"}, {"LSB_JOBID", "3"}, {"LSB_DJOB_HOSTFILE", "/nope"}},
-       "VELTAR_EXTRACTA_LAUNCHER=lsf: the host file /nope (LSB_DJOB_HOSTFILE) cannot be read"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "sge"}, {"JOB_ID", "5"}},
-       "VELTAR_EXTRACTA_LAUNCHER=sge: not inside a Grid Engine parallel job (PE_HOSTFILE is not "
-       "set)"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "bsub -K 'short"}},
-       "VELTAR_EXTRACTA_LAUNCHER=bsub -K 'short: cannot be split into words: a single quote is "
-       "not closed"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "no-such-wrapper -x"}},
-       "VELTAR_EXTRACTA_LAUNCHER=no-such-wrapper -x: cannot start no-such-wrapper: No such file or "
-       "directory"},
-      {{{"VELTAR_EXTRACTA_SLOTS", "0"}},
-       "VELTAR_EXTRACTA_SLOTS=0: not a whole number from 1 to 1024"},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "wrap"}, {"VELTAR_EXTRACTA_SLOTS", "four"}},
-       "VELTAR_EXTRACTA_SLOTS=four: not a whole number from 1 to 1024"},
+      {"VELTAR_EXTRACTA_LAUNCHER=lsf", "lsf: not inside an LSF job (LSB_JOBID is not set)"},
+      {"VELTAR_EXTRACTA_LAUNCHER=lsf;LSB_JOBID=3;LSB_DJOB_HOSTFILE=/nope",
+       "lsf: the host file /nope (LSB_DJOB_HOSTFILE) cannot be read"},
+      {"VELTAR_EXTRACTA_LAUNCHER=sge;JOB_ID=5",
+       "sge: not inside a Grid Engine parallel job (PE_HOSTFILE is not set)"},
   };
-  for (const auto& row : rows) {
-    FakeWorld world;
-    world.variables = row.variables;
-    std::string error;
-    EXPECT_EQ(ChooseLauncher(world.Environment(), error), nullptr) << row.error;
-    EXPECT_EQ(error, row.error);
+  for (const auto& [settings, error] : rows) {
+    std::string said;
+    EXPECT_EQ(ChooseLauncher(FakeWorld(settings).Environment(), said), nullptr) << settings;
+    EXPECT_EQ(said, "VELTAR_EXTRACTA_LAUNCHER=" + error);
   }
-  FakeWorld windows;
+  FakeWorld windows("VELTAR_EXTRACTA_LAUNCHER=slurm;SLURM_JOB_ID=7");
   windows.engines = false;
-  windows.variables = {{"VELTAR_EXTRACTA_LAUNCHER", "slurm"}, {"SLURM_JOB_ID", "7"}};
-  std::string error;
-  EXPECT_EQ(ChooseLauncher(windows.Environment(), error), nullptr);
-  EXPECT_THAT(error, ::testing::StartsWith("VELTAR_EXTRACTA_LAUNCHER=slurm: "));
-  EXPECT_THAT(error, ::testing::HasSubstr("command prefix"));
+  std::string said;
+  EXPECT_EQ(ChooseLauncher(windows.Environment(), said), nullptr);
+  EXPECT_THAT(said, ::testing::StartsWith("VELTAR_EXTRACTA_LAUNCHER=slurm: "));
+  EXPECT_THAT(said, ::testing::HasSubstr("command prefix"));
 }
 
 // Which launcher each setting gives, how many children it runs at once, on
-// which host each slot lies, and the command that starts a child there.
+// which host each slot lies, and the command that starts a child on slot 1
+// (its words joined by "|").
 TEST(ChooseLauncher, EachEngineStartsChildrenOnTheSlotsOfItsJob) {
-  const std::vector<std::string> command = {"/opt/bin/extracta", "-k", "/d/a b\"c.mcm"};
+  const std::vector<std::string> command = {"/x/extracta", "-k", "/d/a b\"c.mcm"};
   const struct {
-    std::map<std::string, std::string> variables;
-    std::string kind;
+    std::string settings, kind;
     uint32_t slots;
     std::vector<std::string> slotHosts;  // slots 0, 1, ...
-    std::vector<std::string> commandOnSlot1;
+    std::string commandOnSlot1;
   } rows[] = {
-      {{}, "", 3, {"", ""}, command},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "  "}, {"VELTAR_EXTRACTA_SLOTS", "6"}}, "", 6, {""}, command},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "slurm"},
-        {"SLURM_JOB_ID", "42"},
-        {"SLURM_JOB_NODELIST", "n[1-2]"},
-        {"SLURM_JOB_CPUS_PER_NODE", "3,1"}},
+      {"", "", 3, {"", ""}, ""},
+      {"VELTAR_EXTRACTA_LAUNCHER=  ;VELTAR_EXTRACTA_SLOTS=6", "", 6, {""}, ""},
+      {"VELTAR_EXTRACTA_LAUNCHER=slurm;SLURM_JOB_ID=42;SLURM_JOB_NODELIST=n[1-2];"
+       "SLURM_JOB_CPUS_PER_NODE=3,1",
        "slurm",
        4,
        {"n1", "n2", "n1", "n1", "n1"},
-       {"/opt/farm/srun", "--jobid=42", "--nodes=1", "--ntasks=1", "--cpus-per-task=1", "--exact",
-        "--overlap", "--nodelist=n2", "--export=ALL", "--job-name=", "--quiet",
-        "--quit-on-interrupt", "/opt/bin/extracta", "-k", "/d/a b\"c.mcm"}},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "lsf"},
-        {"LSB_JOBID", "9"},
-        {"LSB_MCPU_HOSTS", "hostA 1 hostB 2"},
-        {"VELTAR_EXTRACTA_SLOTS", "2"}},
+       "/opt/farm/srun|--jobid=42|--nodes=1|--ntasks=1|--cpus-per-task=1|--exact|--overlap|"
+       "--nodelist=n2|--export=ALL|--job-name=|--quiet|--quit-on-interrupt|/x/extracta|-k|"
+       "/d/a b\"c.mcm"},
+      {"VELTAR_EXTRACTA_LAUNCHER=lsf;LSB_JOBID=9;LSB_MCPU_HOSTS=hostA 1 hostB 2;"
+       "VELTAR_EXTRACTA_SLOTS=2",
        "lsf",
        2,
        {"hostA", "hostB", "hostB", "hostA"},
-       {"/opt/farm/blaunch", "hostB", "/opt/bin/extracta", "-k", "'/d/a b\"c.mcm'"}},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "lsf"}, {"LSB_JOBID", "9"}, {"LSB_DJOB_HOSTFILE", "/hf"}},
+       "/opt/farm/blaunch|hostB|/x/extracta|-k|'/d/a b\"c.mcm'"},
+      {"VELTAR_EXTRACTA_LAUNCHER=lsf;LSB_JOBID=9;LSB_DJOB_HOSTFILE=/hf",
        "lsf",
        3,
        {"hostA", "hostB", "hostA"},
-       {"/opt/farm/blaunch", "hostB", "/opt/bin/extracta", "-k", "'/d/a b\"c.mcm'"}},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "sge"},
-        {"JOB_ID", "5"},
-        {"PE_HOSTFILE", "/pe"},
-        {"NSLOTS", "3"}},
+       "/opt/farm/blaunch|hostB|/x/extracta|-k|'/d/a b\"c.mcm'"},
+      {"VELTAR_EXTRACTA_LAUNCHER=sge;JOB_ID=5;PE_HOSTFILE=/pe;NSLOTS=3",
        "sge",
        3,
        {"n1", "n2", "n1", "n2"},
-       {"/opt/farm/qrsh", "-inherit", "-V", "-cwd", "n2", "/opt/bin/extracta", "-k",
-        "'/d/a b\"c.mcm'"}},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "wrap --queue 'short jobs'"}},
+       "/opt/farm/qrsh|-inherit|-V|-cwd|n2|/x/extracta|-k|'/d/a b\"c.mcm'"},
+      {"VELTAR_EXTRACTA_LAUNCHER=wrap --queue 'short jobs'",
        "prefix",
        3,
        {""},
-       {"/opt/farm/wrap", "--queue", "short jobs", "/opt/bin/extracta", "-k", "/d/a b\"c.mcm"}},
-      {{{"VELTAR_EXTRACTA_LAUNCHER", "shell:wrap node7"}},
+       "/opt/farm/wrap|--queue|short jobs|/x/extracta|-k|/d/a b\"c.mcm"},
+      {"VELTAR_EXTRACTA_LAUNCHER=shell:wrap node7",
        "prefix",
        3,
        {""},
-       {"/opt/farm/wrap", "node7", "/opt/bin/extracta", "-k", "'/d/a b\"c.mcm'"}},
+       "/opt/farm/wrap|node7|/x/extracta|-k|'/d/a b\"c.mcm'"},
   };
   for (const auto& row : rows) {
-    FakeWorld world;
-    world.variables = row.variables;
-    world.files = {{"/hf", "hostA\nhostB\nhostA\n"}, {"/pe", "n1 2 q@n1 UNDEFINED\nn2 2 q@n2 x\n"}};
+    SCOPED_TRACE(row.settings);
     std::string error;
-    const auto launcher = ChooseLauncher(world.Environment(), error);
+    const auto launcher = ChooseLauncher(FakeWorld(row.settings).Environment(), error);
     ASSERT_NE(launcher, nullptr) << error;
-    SCOPED_TRACE(launcher->kind());
     EXPECT_EQ(launcher->kind(), row.kind);
     EXPECT_EQ(launcher->slots(), row.slots);
     for (uint32_t slot = 0; slot < row.slotHosts.size(); ++slot)
       EXPECT_EQ(launcher->slotHost(slot), row.slotHosts[slot]) << slot;
-    if (*launcher->kind()) {
-      std::vector<std::string> words = launcher->commandOn(1, command);
+    if (row.kind.empty()) continue;
+    std::string joined;
+    for (const std::string& word : launcher->commandOn(1, command))
       // A Slurm run names its steps apart from any other run's.
-      for (std::string& word : words)
-        if (word.rfind("--job-name=extracta-", 0) == 0) word = "--job-name=";
-      EXPECT_EQ(words, row.commandOnSlot1);
-    }
+      joined += (joined.empty() ? "" : "|") +
+                (word.rfind("--job-name=extracta-", 0) == 0 ? "--job-name=" : word);
+    EXPECT_EQ(joined, row.commandOnSlot1);
   }
 }
 
