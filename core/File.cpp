@@ -5,6 +5,7 @@
 #include <sstream>
 #include <vector>
 
+#include "core/Process.h"
 #include "core/SystemCalls.h"
 #include "core/VelDebug.h"
 #include "core/Watchdog.h"
@@ -90,4 +91,5 @@ void VeltFileInPlace::Abandon() {
   temporary_.clear();
 }
 
-std::string VeltFileInPlace::ErrorText() const { return velt_system::ErrorText(Error()); }
+// One line, as every system message the program prints.
+std::string VeltFileInPlace::ErrorText() const { return VeltFormatSystemMessage(Error()); }
