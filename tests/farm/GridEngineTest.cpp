@@ -10,7 +10,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "process/FarmAllocation.h"
 #include "tests/farm/FarmSupport.h"
 #include "tests/support/PlatformHelpers.h"
 
@@ -38,34 +37,30 @@ class GridEngineJob : public ::testing::Test {
     design = MakeDesign(folder, 7, 3000);
   }
 
-  // A job script that runs VelExtracta in that folder with the engine's
-  // launcher, its outcome written beside it.
-  std::string Script(const std::string& extraSettings) {
+  // qsub's command for a job script that runs VelExtracta in that folder
+  // with the engine's launcher, its outcome written beside it; the job finds
+  // the paths and settings in its environment (-V).
+  std::vector<std::string> Submit(bool wait, const std::string& extraSettings) {
     const std::string script = dir / "job.sh";
     WriteFile(script,
-              "#!/bin/bash\n"
-              "cd " +
-                  ShellQuoted(folder) + " || exit 99\n" + extraSettings +
-                  "export VELTAR_EXTRACTA_LAUNCHER=sge\n"
-                  "export VELTAR_EXTRACTA_PATHOVERRIDE=" +
-                  ShellQuoted(PlacedExtractor(dir.path())) +
-                  "\n"
-                  "export EXTRACTA_SIM_LOG=" +
-                  ShellQuoted(dir / "sim.log") + "\n" + ShellQuoted(BinPath("VelExtracta")) +
-                  " -z " + ShellQuoted(Leaf(design)) + " out.vlx >" + ShellQuoted(dir / "out") +
-                  " 2>" + ShellQuoted(dir / "err") + "\necho $? >" + ShellQuoted(dir / "rc") +
-                  "\n");
+              "#!/bin/bash\ncd \"$VEL_JOB_FOLDER\" || exit 99\n" + extraSettings +
+                  "\"$VEL_JOB_PROGRAM\" -z \"$VEL_JOB_DESIGN\" out.vlx >\"$VEL_JOB_DIR/out\" "
+                  "2>\"$VEL_JOB_DIR/err\"\necho $? >\"$VEL_JOB_DIR/rc\"\n");
     MakeExecutable(script);
-    return script;
-  }
-
-  std::vector<std::string> Submit(bool wait, const std::string& script) {
-    std::vector<std::string> qsub = {"/usr/bin/qsub", "-V", "-pe",
-                                     "velextracta",   "4",  "-o",
-                                     dir / "job.out", "-e", dir / "job.err"};
-    if (wait) qsub.insert(qsub.begin() + 1, {"-sync", "y"});
-    qsub.push_back(script);
+    std::vector<std::string> qsub = {"/usr/bin/qsub", "-V", "-pe", "velextracta", "4"};
+    if (wait) qsub.insert(qsub.end(), {"-sync", "y"});
+    qsub.insert(qsub.end(), {"-o", dir / "job.out", "-e", dir / "job.err", script});
     return qsub;
+  }
+  EnvMap JobEnvironment() {
+    return {{"VEL_JOB_FOLDER", folder},
+            {"VEL_JOB_PROGRAM", BinPath("VelExtracta")},
+            {"VEL_JOB_DESIGN", Leaf(design)},
+            {"VEL_JOB_DIR", dir.path()},
+            {"VELTAR_EXTRACTA_LAUNCHER", "sge"},
+            {"VELTAR_EXTRACTA_PATHOVERRIDE", PlacedExtractor(dir.path())},
+            {"EXTRACTA_SIM_LOG", dir / "sim.log"},
+            {"VELTAR_EXTRACTA_DEBUG", std::nullopt}};
   }
 
   TempDir dir;
@@ -82,8 +77,9 @@ TEST_F(GridEngineJob, EveryChildATaskOfTheJobFourAtOnceArgumentsWhole) {
   // The job gets this environment (-V), with the extraction date of the run
   // on this machine.
   RunOptions submit;
-  submit.env = {{"EXTRACTA_SIM_DATE", kFixedDate}, {"VELTAR_EXTRACTA_DEBUG", std::nullopt}};
-  const RunResult job = RunProgram(Submit(true, Script(kFirstFourSleep)), submit);
+  submit.env = JobEnvironment();
+  submit.env["EXTRACTA_SIM_DATE"] = kFixedDate;
+  const RunResult job = RunProgram(Submit(true, kFirstFourSleep), submit);
   ASSERT_EQ(job.exitCode, 0) << job.out << job.err << ReadFile(dir / "job.err");
   EXPECT_EQ(ReadFile(dir / "rc"), "0\n") << ReadFile(dir / "err");
   EXPECT_TRUE(IsPointerLine(ReadFile(dir / "out"), "VLX file written: "));
@@ -106,9 +102,10 @@ TEST_F(GridEngineJob, DeletedJobLeavesNoProcess) {
   // Every process of the job carries the mark, passed on by -V.
   const std::string mark = "VEL_GRIDENGINE_JOB=" + dir.path();
   RunOptions submit;
-  submit.env = {{"VEL_GRIDENGINE_JOB", dir.path()}};
+  submit.env = JobEnvironment();
+  submit.env["VEL_GRIDENGINE_JOB"] = dir.path();
   const RunResult queued =
-      RunProgram(Submit(false, Script("export EXTRACTA_SIM_SLEEP_MS=600000\n")), submit);
+      RunProgram(Submit(false, "export EXTRACTA_SIM_SLEEP_MS=600000\n"), submit);
   ASSERT_EQ(queued.exitCode, 0) << queued.err;
   std::smatch id;
   ASSERT_TRUE(std::regex_search(queued.out, id, std::regex("job (\\d+)"))) << queued.out;

@@ -170,17 +170,12 @@ TEST_F(ReportRun, PageNamesEveryChildInARealBrowser) {
 
   const std::string browser = "/usr/bin/chromium";
   ASSERT_TRUE(PathExists(browser)) << "chromium is not installed (scripts/deps.sh installs it)";
-  const std::vector<std::string> flags = {browser,
-                                          "--headless",
-                                          "--no-sandbox",
-                                          "--disable-gpu",
-                                          "--disable-quic",
-                                          "--no-first-run",
-                                          "--disable-background-networking",
-                                          "--disable-component-update",
-                                          "--disable-sync",
-                                          "--user-data-dir=" + (dir / "profile"),
-                                          "--window-size=1400,900"};
+  std::vector<std::string> flags = {browser, "--user-data-dir=" + (dir / "profile")};
+  for (const char* flag :
+       {"--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
+        "--disable-background-networking", "--disable-component-update", "--disable-sync",
+        "--window-size=1400,900"})
+    flags.push_back(flag);
   const std::string url = "file://" + dir / "run.html";
   std::vector<std::string> dump = flags;
   dump.insert(dump.end(), {"--dump-dom", url});
