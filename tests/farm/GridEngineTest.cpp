@@ -36,6 +36,8 @@ class GridEngineJob : public ::testing::Test {
     ASSERT_TRUE(MakeDirectory(folder));
     design = MakeDesign(folder, 7, 3000);
   }
+  // A test that ends early leaves no job behind to hold the queue's slots.
+  void TearDown() override { RunProgram({"/usr/bin/qdel", "-f", jobName}); }
 
   // qsub's command for a job script that runs VelExtracta in that folder
   // with the engine's launcher, its outcome written beside it; the job finds
@@ -47,7 +49,8 @@ class GridEngineJob : public ::testing::Test {
                   "\"$VEL_JOB_PROGRAM\" -z \"$VEL_JOB_DESIGN\" out.vlx >\"$VEL_JOB_DIR/out\" "
                   "2>\"$VEL_JOB_DIR/err\"\necho $? >\"$VEL_JOB_DIR/rc\"\n");
     MakeExecutable(script);
-    std::vector<std::string> qsub = {"/usr/bin/qsub", "-V", "-pe", "velextracta", "4"};
+    std::vector<std::string> qsub = {"/usr/bin/qsub", "-N", jobName, "-V"};
+    qsub.insert(qsub.end(), {"-pe", "velextracta", "4"});
     if (wait) qsub.insert(qsub.end(), {"-sync", "y"});
     qsub.insert(qsub.end(), {"-o", dir / "job.out", "-e", dir / "job.err", script});
     return qsub;
@@ -64,6 +67,7 @@ class GridEngineJob : public ::testing::Test {
   }
 
   TempDir dir;
+  const std::string jobName = "velextracta-" + Leaf(dir.path());
   const std::string folder = dir / "a b\"c";
   std::string design;
 };

@@ -132,9 +132,33 @@ TEST_F(SlurmRun, EveryChildIsAStepFourAtOnceTwoPerNode) {
   EXPECT_EQ(job.Steps(), std::vector<std::string>{});
 }
 
+// VelExtracta started as a step of the job holds CPUs of its own: its
+// children's steps share them and do not wait for them to be given back.
+TEST_F(SlurmRun, RunThatIsItselfAStepDoesNotWaitForItsOwnCpus) {
+  RunOptions step;
+  step.env = job.Environment();
+  step.env["VELTAR_EXTRACTA_PATHOVERRIDE"] = BinPath("extracta-sim");
+  step.timeoutSeconds = 60;
+  const RunResult run = RunProgram({Command("srun"), "--jobid=" + job.id(), "-N1", "-n1", "-Q",
+                                    BinPath("VelExtracta"), "-z", design, dir / "out.vlx"},
+                                   step);
+  EXPECT_FALSE(run.timedOut) << "the children's steps waited for the run's own CPUs";
+  EXPECT_EQ(run.exitCode, 0) << run.err;
+  EXPECT_TRUE(IsPointerLine(run.out, "VLX file written: ")) << run.out;
+  EXPECT_EQ(ArchiveLeaves(dir / "out.vlx").size(), 47u);
+  EXPECT_TRUE(PollUntil([&] { return job.Steps().empty(); }, 5));
+}
+
 // A child that fails through the farm fails the run exactly as on this
-// machine, and the steps still running are cancelled.
+// machine, and the run's steps still running are cancelled; another step of
+// the job is not the run's to end.
 TEST_F(SlurmRun, FailingChildFailsTheRunAsOnThisMachine) {
+  TempDir scratch;
+  Started neighbour = StartProgram({Command("srun"), "--jobid=" + job.id(), "-N1", "-n1",
+                                    "--overlap", "-J", "neighbour", "sleep", "300"},
+                                   {}, scratch / "out", scratch / "err");
+  ASSERT_TRUE(PollUntil([&] { return job.Steps().size() == 1; }, 10)) << ReadFile(scratch / "err");
+  const std::vector<std::string> others = job.Steps();
   for (const bool onFarm : {false, true}) {
     SCOPED_TRACE(onFarm ? "farm" : "this machine");
     RunOptions failing;
@@ -146,9 +170,12 @@ TEST_F(SlurmRun, FailingChildFailsTheRunAsOnThisMachine) {
     ExpectOutcome(run, 1, false, "view creation failed (1).\n");
     EXPECT_EQ(WorkingDirs(dir.path()), std::vector<std::string>{});
     EXPECT_FALSE(PathExists(dir / "out.vlx"));
-    EXPECT_TRUE(PollUntil([&] { return job.Steps().empty(); }, 5))
+    EXPECT_TRUE(PollUntil([&] { return job.Steps() == others; }, 5))
         << ::testing::PrintToString(job.Steps());
   }
+  RunProgram({Command("scancel"), others[0].substr(0, others[0].find(' '))});
+  WaitProgram(neighbour, 30, scratch / "out", scratch / "err");
+  ReleaseProgram(neighbour);
 }
 
 // SIGINT, SIGTERM and SIGHUP cancel every step through the controller; a
