@@ -150,7 +150,7 @@ void RunReport::settle() {
   changed_.wait(lock, [this] { return toCount_.empty() && counting_ == 0; });
 }
 
-bool RunReport::write(const std::string& outcome, bool succeeded, std::string& error) {
+bool RunReport::save(const std::string& outcome, bool succeeded, std::string& error) {
   if (!wanted()) return true;
   std::string text;
   {

@@ -42,7 +42,7 @@ class RunReport : public RunObserver {
   void settle();
 
   // Writes the report; false with the path and the reason in `error`.
-  bool write(const std::string& outcome, bool succeeded, std::string& error);
+  bool save(const std::string& outcome, bool succeeded, std::string& error);
 
  private:
   void count();

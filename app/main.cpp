@@ -166,7 +166,7 @@ int RunExtraction(const CommandLine& options, const Launcher& launcher, RunRepor
 // written is one warning line, and the run's outcome stays as it was.
 void WriteReport(RunReport& report, const std::string& outcome, bool succeeded) {
   std::string error;
-  if (!report.write(outcome, succeeded, error)) std::cerr << "warning: " << error << "\n";
+  if (!report.save(outcome, succeeded, error)) std::cerr << "warning: " << error << "\n";
 }
 
 }  // namespace
