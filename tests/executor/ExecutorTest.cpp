@@ -9,6 +9,7 @@
 #include <ctime>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -146,22 +147,37 @@ TEST_F(ExecutorTest, RunMarksTellWhichDirectoriesAreADeadRunsOwn) {
 }
 
 // An interrupt before the last file is in place: every file goes back where
-// it came from, and the files they replaced back in their places.
+// it came from, and the files they replaced back in their places. Enough
+// views that the move is under way when the interrupt comes, as the first
+// file replaced is set aside.
 TEST_F(ExecutorTest, InterruptedMoveDeliversNothing) {
   VEL_SKIP_ON_WINDOWS("the interrupt is raised as a signal");
   InstallInterruptHandlers();
   ExtractaExecutor executor;
   ASSERT_TRUE(executor.createWorkingDir(AString(base.path())));
   const std::string work = VEL_ANSI(executor.getWorkingDir().FilePath());
-  for (const char* name : {"layer.txt", "net.txt"}) WriteFile(work + name, name);
   const TempDir out;
-  WriteFile(out / "layer.txt", "an older view");
-  raise(SIGINT);
+  constexpr int kViews = 4000;
+  for (int i = 0; i < kViews; ++i) {
+    WriteFile(work + "v" + std::to_string(i) + ".txt", "new");
+    WriteFile(out / ("v" + std::to_string(i) + ".txt"), "older");
+  }
+  std::thread interrupter([&] {
+    PollUntil([&] { return PathExists(work + ".replaced"); }, 10);
+    raise(SIGINT);
+  });
   EXPECT_FALSE(executor.moveActiveViews(AString(out.path()), AString(".txt")));
+  interrupter.join();
   ClearInterruptRequest();
-  EXPECT_EQ(ListDir(out.path()), std::vector<std::string>{"layer.txt"});
-  EXPECT_EQ(ReadFile(out / "layer.txt"), "an older view");
-  EXPECT_EQ(ListDir(work), (std::vector<std::string>{"layer.txt", "net.txt"}));
+  const auto holds = [](const std::string& folder, const std::string& bytes) {
+    const std::vector<std::string> names = ListDir(folder);
+    return std::count_if(names.begin(), names.end(), [&](const std::string& name) {
+      return ReadFile(folder + "/" + name) == bytes;
+    });
+  };
+  EXPECT_EQ(holds(out.path(), "older"), kViews);
+  EXPECT_EQ(ListDir(out.path()).size(), std::size_t{kViews});
+  EXPECT_EQ(holds(work, "new"), kViews);
 }
 
 // An entry's compressed bytes.
