@@ -141,13 +141,17 @@ TEST_F(LaunchFaults, RunKilledWithItsWatchdogIsRemovedByTheNext) {
   const auto live = startHung(dir / "live.vlx");
   const std::vector<std::string> staying = WorkingDirs(dir.path());
 
-  // The dead run: its watchdog goes first, then everything else of it.
+  // The dead run: its watchdog goes first, then the program, then its
+  // children. A child that died before the program would be a failed run,
+  // which cleans up after itself: not the case here.
   const auto dead = startHung(archive());
-  for (const bool watchdog : {true, false})
-    for (const std::string& survivor : dead->Survivors())
-      if ((survivor.find("extracta-sim") == std::string::npos) == watchdog)
-        KillProcess(std::stoi(survivor));
-  KillProcess(dead->pid());
+  const std::vector<std::string> processes = dead->Survivors();
+  for (const bool watchdog : {true, false}) {
+    for (const std::string& process : processes)
+      if ((process.find("extracta-sim") == std::string::npos) == watchdog)
+        KillProcess(std::stoi(process));
+    if (watchdog) KillProcess(dead->pid());
+  }
   dead->Wait();
   std::vector<std::string> left = WorkingDirs(dir.path());
   ASSERT_EQ(left.size(), staying.size() + 1) << "the dead run's directory stays for the next run";
