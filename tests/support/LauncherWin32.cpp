@@ -101,11 +101,15 @@ std::vector<std::pair<int, std::string>> RunProcesses(int root, const std::strin
     names[entry.th32ProcessID] = Narrow(entry.szExeFile);
   }
   CloseHandle(snapshot);
-  // The root's descendants are found after it has ended too.
+  // The root's descendants are found after it has ended too. Under wine the
+  // first program started after the wine server itself (now and then a
+  // test's run, when the server was restarted) becomes the parent of wine's
+  // service manager, whose services are wine's and never the run's.
   std::vector<DWORD> tree = {static_cast<DWORD>(root)};
   for (std::size_t i = 0; i < tree.size(); ++i)
     for (const auto& [pid, parent] : parents)
-      if (parent == tree[i] && pid != tree[i]) tree.push_back(pid);
+      if (parent == tree[i] && pid != tree[i] && _stricmp(names[pid].c_str(), "services.exe") != 0)
+        tree.push_back(pid);
   for (DWORD pid : tree)
     if (names.count(pid)) found.emplace_back(static_cast<int>(pid), names[pid]);
   return found;
